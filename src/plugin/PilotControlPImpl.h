@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace pilot_rpc {
+class rpc_client;
+}
+
+namespace vlm {
+
+/// A route mission that could not be published, kept for a later retry.
+struct FailedRouteMission {
+    std::string payload;
+    std::string topic;
+    std::string api;
+};
+
+/// All working state of one PilotControlP. HTTP worker threads, the MQTT
+/// delivery thread, both RPC I/O threads and pool threads touch it at once, so
+/// every field is either atomic or guarded by the mutex named beside it.
+struct PilotControlPImpl {
+    // Settings read from the micro service at start.
+    std::atomic<int> sixAxisArSeat{0};
+    std::atomic<int> appType{0};
+    std::atomic<bool> pilotConnected{false};
+
+    mutable std::mutex identityMutex;  // guards pilotId, stationId
+    std::string pilotId;
+    std::string stationId;
+
+    mutable std::mutex clientMutex;  // guards rpcClient, subClient (stop resets them)
+    std::shared_ptr<pilot_rpc::rpc_client> rpcClient;
+    std::shared_ptr<pilot_rpc::rpc_client> subClient;
+
+    std::atomic<int> linkType{0};
+    std::atomic<bool> localMqtt{false};
+    std::atomic<bool> telemetryPublished{false};
+    std::atomic<int> telemFrequency{0};
+    std::atomic<int64_t> lastTelemetryTime{0};  // 100 ns ticks since 1970
+
+    mutable std::mutex cacheMutex;  // guards the last* answers below
+    std::string lastTelemetry;
+    std::string lastRoute;
+    std::string lastProgress;
+    std::string lastRunInfo;
+    std::string lastBinInfo;
+    std::string lastSoftUpload;
+    std::string lastSoftUpdateStatus;
+    std::string lastUpdateProgress;
+    std::string lastMagCompassCali;
+
+    mutable std::mutex publishMutex;  // guards responseStatus, failedRouteMissions
+    std::map<std::string, int> responseStatus;
+    std::vector<FailedRouteMission> failedRouteMissions;
+
+    std::string getPilotId() const
+    {
+        std::lock_guard<std::mutex> lock(identityMutex);
+        return pilotId;
+    }
+    void setPilotId(std::string id)
+    {
+        std::lock_guard<std::mutex> lock(identityMutex);
+        pilotId = std::move(id);
+    }
+    std::string getStationId() const
+    {
+        std::lock_guard<std::mutex> lock(identityMutex);
+        return stationId;
+    }
+    void setStationId(std::string id)
+    {
+        std::lock_guard<std::mutex> lock(identityMutex);
+        stationId = std::move(id);
+    }
+    std::shared_ptr<pilot_rpc::rpc_client> callClient() const
+    {
+        std::lock_guard<std::mutex> lock(clientMutex);
+        return rpcClient;
+    }
+    std::shared_ptr<pilot_rpc::rpc_client> subscriptionClient() const
+    {
+        std::lock_guard<std::mutex> lock(clientMutex);
+        return subClient;
+    }
+};
+
+} // namespace vlm

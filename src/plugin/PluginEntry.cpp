@@ -1,0 +1,50 @@
+// The five entry points the host looks up by name.
+
+#include "PilotControlP.h"
+#include "VelmoraExport.h"
+#include "VelmoraPlugins.h"
+#include "uav/PilotControlCommon/PilotControlCommon.h"
+
+namespace {
+
+constexpr const char* pluginNameText = "VelmoraPluginPilotControl";
+constexpr int pluginTypeValue = 3;
+constexpr const char* pluginGuidText = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
+
+std::shared_ptr<vlm::PluginBase> makePilotControl()
+{
+    return vlm::PilotControlP::createInstance();
+}
+
+} // namespace
+
+extern "C" {
+
+VLM_EXPORT const char* PluginName()
+{
+    return pluginNameText;
+}
+
+VLM_EXPORT int PluginType()
+{
+    return pluginTypeValue;
+}
+
+VLM_EXPORT const char* PluginGuid()
+{
+    return pluginGuidText;
+}
+
+VLM_EXPORT void PluginLoad()
+{
+    const std::string guid = vlm::pluginGuidString();
+    vlm::registerPlugin(std::function<std::shared_ptr<vlm::PluginBase>()>(makePilotControl), guid.c_str());
+}
+
+VLM_EXPORT void PluginUnLoad()
+{
+    const std::string guid = vlm::pluginGuidString();
+    vlm::unregisterPlugin(guid.c_str());
+}
+
+} // extern "C"

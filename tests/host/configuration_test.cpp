@@ -1,0 +1,94 @@
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <Poco/File.h>
+#include <Poco/JSON/Parser.h>
+
+#include "VelmoraCommon.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using vlm::test::TempDir;
+
+TEST(Configuration, LoadsSavesAndReloadsTheSameValues)
+{
+    TempDir dir;
+    const std::string path = dir.write("host.json", R"({"mqtt":{"server_uri":"127.0.0.1:1883"},"http":{"port":8080}})");
+    vlm::loadConfig(path);
+    auto& config = vlm::configInstance();
+    EXPECT_EQ(config.getString("mqtt.server_uri"), "127.0.0.1:1883");
+    EXPECT_EQ(config.getInt("http.port"), 8080);
+
+    config.setString("station.station_sn", "SN-1");
+    ASSERT_TRUE(vlm::saveConfig());
+
+    // The file on disk is complete JSON with the new key and the old ones.
+    Poco::JSON::Parser parser;
+    auto saved = parser.parse(TempDir::read(path)).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_EQ(saved->getObject("station")->getValue<std::string>("station_sn"), "SN-1");
+    EXPECT_EQ(saved->getObject("http")->getValue<int>("port"), 8080);
+
+    // No temporary file is left beside it.
+    std::vector<std::string> names;
+    Poco::File(dir.path).list(names);
+    EXPECT_EQ(names, std::vector<std::string>{"host.json"});
+}
+
+TEST(Configuration, SaveIntoAMissingDirectoryFailsAndKeepsNothingHalfWritten)
+{
+    TempDir dir;
+    const std::string path = dir.write("host.json", R"({"a":1})");
+    vlm::loadConfig(path);
+    Poco::File(dir.path).remove(true);
+    vlm::test::LogCapture log;
+    EXPECT_FALSE(vlm::saveConfig());
+    EXPECT_TRUE(log.contains("saveConfig failed"));
+    EXPECT_FALSE(Poco::File(path).exists());
+}
+
+TEST(Configuration, ConcurrentSavesNeverTearTheFile)
+{
+    TempDir dir;
+    const std::string path = dir.write("host.json", R"({"counter":0})");
+    vlm::loadConfig(path);
+    // A large document makes a torn write likely to be seen if saves were not atomic.
+    for (int i = 0; i < 2000; ++i)
+        vlm::configInstance().setString("bulk.key" + std::to_string(i), std::string(64, 'x'));
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 3; ++t) {
+        writers.emplace_back([] {
+            for (int i = 0; i < 20; ++i)
+                EXPECT_TRUE(vlm::saveConfig());
+        });
+    }
+    Poco::JSON::Parser parser;
+    for (int i = 0; i < 60; ++i) {
+        // Every read sees a whole document, never a partial one.
+        EXPECT_NO_THROW(parser.parse(TempDir::read(path))) << "read " << i;
+        parser.reset();
+    }
+    for (auto& w : writers)
+        w.join();
+}
+
+TEST(Configuration, MalformedFileIsReportedWithTheReason)
+{
+    TempDir dir;
+    const std::string path = dir.write("bad.json", R"({"a": )");
+    EXPECT_THROW(vlm::loadConfig(path), Poco::Exception);
+}
+
+TEST(JsonText, StringifiesObjectsCompactly)
+{
+    Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
+    object.set("b", 1);
+    object.set("a", "x");
+    EXPECT_EQ(vlm::jsonToString(object), R"({"b":1,"a":"x"})");
+    Poco::JSON::Object::Ptr none;
+    EXPECT_EQ(vlm::jsonToString(none), "null");
+}
+
+} // namespace

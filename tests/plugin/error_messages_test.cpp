@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Parser.h>
+
+#include "PilotControlPTestAccess.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+using vlm::PilotControlP;
+using Access = vlm::PilotControlPTestAccess;
+
+Poco::JSON::Object::Ptr parse(const std::string& text)
+{
+    return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+class ErrorMessages : public ::testing::Test {
+protected:
+    std::shared_ptr<PilotControlP> plugin = PilotControlP::createInstance();
+    vlm::PilotControlPImpl& state = Access::impl(*plugin);
+};
+
+TEST_F(ErrorMessages, ShortFormHasSortedKeysAndAlwaysAnId)
+{
+    EXPECT_EQ(Access::shortError(*plugin, "The vehicle not connected", PilotControlP::vehicleNotConnected),
+              R"({"code":4001,"id":"","msg":"The vehicle not connected","type":"response"})");
+    state.setPilotId("UAV-7");
+    EXPECT_EQ(Access::shortError(*plugin, "current api not exist: nope", PilotControlP::apiNotExist),
+              R"({"code":-1,"id":"UAV-7","msg":"current api not exist: nope","type":"response"})");
+}
+
+TEST_F(ErrorMessages, FullFormSwapsAddressesAndKeepsTheRequestsOtherKeys)
+{
+    auto request = parse(R"({"api":"pushRoute","from":"a","target":"b","msgId":"42","type":"request",
+                            "message":{"x":1,"code":9,"type":"request"}})");
+    auto answer = parse(Access::fullError(*plugin, "The vehicle not connected", *request,
+                                          PilotControlP::vehicleNotConnected));
+    EXPECT_EQ(answer->getValue<std::string>("from"), "b");
+    EXPECT_EQ(answer->getValue<std::string>("target"), "a");
+    EXPECT_EQ(answer->getValue<std::string>("type"), "response");
+    EXPECT_EQ(answer->getValue<std::string>("msgId"), "42");
+    EXPECT_EQ(answer->getValue<std::string>("api"), "pushRoute");
+    auto inner = answer->getObject("message");
+    ASSERT_TRUE(inner);
+    EXPECT_EQ(inner->getValue<int>("x"), 1);
+    EXPECT_EQ(inner->getValue<std::string>("msg"), "The vehicle not connected");
+    EXPECT_EQ(inner->getValue<int>("code"), 4001);
+    EXPECT_EQ(inner->getValue<std::string>("type"), "response");
+}
+
+TEST_F(ErrorMessages, FullFormDefaultsTheSenderToTheStation)
+{
+    state.setStationId("station-1");
+    auto answer = parse(Access::fullError(*plugin, "Pilot response mqtt error msg: boom", *parse(R"({"api":"x"})"),
+                                          PilotControlP::serviceCallFailed));
+    EXPECT_EQ(answer->getValue<std::string>("from"), "station-1");
+    EXPECT_EQ(answer->getValue<std::string>("target"), "");
+    auto inner = answer->getObject("message");
+    ASSERT_TRUE(inner);
+    EXPECT_EQ(inner->size(), 3u);  // no request message: only msg, code, type
+    EXPECT_EQ(inner->getValue<int>("code"), 4002);
+}
+
+TEST_F(ErrorMessages, AMessageThatIsNotAnObjectIsLoggedNotThrown)
+{
+    vlm::test::LogCapture log;
+    std::string text;
+    EXPECT_NO_THROW(text = Access::fullError(*plugin, "The vehicle not connected",
+                                             *parse(R"({"message":"plain text"})"),
+                                             PilotControlP::vehicleNotConnected));
+    EXPECT_EQ(text, "");
+    EXPECT_TRUE(log.contains("makeErrorMsg failed"));
+}
+
+} // namespace
