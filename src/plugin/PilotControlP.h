@@ -1,10 +1,15 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <future>
+#include <optional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
+#include <system_error>
 
 #include <Poco/JSON/Object.h>
 #include <Poco/Net/HTTPServerRequest.h>
@@ -60,6 +65,8 @@ private:
 
     // Lifecycle.
     void regMsgFwdCallbck();
+    void connectServiceClients(const std::string& address, unsigned short port);
+    void readLocalBrokerSettings();
     void rpcSubscribe(const std::string& topic);
     void rpcSubscribeVehicleOnlineStatus();
     void installApi();
@@ -70,14 +77,27 @@ private:
     void handleHttpRequest(const std::string& api, Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response, const Poco::JSON::Object& body);
     bool httpAsyncApi(std::ostream& out, const Poco::JSON::Object& body, const std::string& api);
+    std::optional<std::string> takeCachedAnswer(int apiNumber);
+    std::string serviceAnswerText(std::error_code error, std::string_view reply, const Poco::JSON::Object& request,
+                                  const char* logPrefix);
+    bool waitForAnswer(std::future<std::string>& answered, std::chrono::seconds limit);
     void handleEventStream(const std::string& api, Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response);
+    std::string* streamSlot(int apiNumber);
 
     // MQTT API.
+    struct CommandTopic {
+        std::string topic;
+        bool cloudSide;
+    };
+    std::vector<CommandTopic> commandTopics() const;
     void installMqttApi();
     void handleMqttCommand(const std::string& topic, const std::string& payload, bool cloudSide);
     void mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic);
     void mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic);
+    void forwardMqttRequest(const Poco::JSON::Object& message, const std::string& topic, const std::string& procedure,
+                            const std::string& secondArgument);
+    void publishAnswer(const std::string& payload, const std::string& topic, const std::string& api);
 
     // Error answers.
     std::string makeErrorMsg(const std::string& text, ErrorCode code);
@@ -85,6 +105,8 @@ private:
 
     // Events of the micro service and what is published from them.
     void dispatchServiceEvent(const std::string& topic, std::string_view data);
+    void cacheServiceEvent(int apiNumber, const std::string& text);
+    void wrapAndPublishEvent(const std::string& topic, const std::string& text);
     void publishMessage(const std::string& payload, const std::string& topic, const std::string& api);
 
     // Link type.
@@ -92,6 +114,9 @@ private:
     void notifyLinkTypeChange(unsigned int linkType);
     void procLinkSwitch(const Poco::JSON::Object& request);
     void handleVehicleOnlineStatus(std::string_view data);
+
+    // Bus intake: the answer of a forwarded bus message.
+    void returnBusAnswer(const std::string& api, std::error_code error, std::string_view body);
 
     // Records to other plug-ins.
     void sendTelemeToMicroService(int kind, const Poco::JSON::Object& object, const std::string& topic,

@@ -8,11 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "OutboundWorker.h"
+
 namespace pilot_rpc {
 class rpc_client;
 }
 
 namespace vlm {
+
+class PilotControlP;
 
 /// A route mission that could not be published, kept for a later retry.
 struct FailedRouteMission {
@@ -25,6 +29,11 @@ struct FailedRouteMission {
 /// delivery thread, both RPC I/O threads and pool threads touch it at once, so
 /// every field is either atomic or guarded by the mutex named beside it.
 struct PilotControlPImpl {
+    /// The plug-in object itself, for handlers and tasks that must keep it
+    /// alive while they run and must not keep it alive while they wait. Set
+    /// once by createInstance, before any other thread can see the object.
+    std::weak_ptr<PilotControlP> self;
+
     // Settings read from the micro service at start.
     std::atomic<int> sixAxisArSeat{0};
     std::atomic<int> appType{0};
@@ -37,6 +46,9 @@ struct PilotControlPImpl {
     mutable std::mutex clientMutex;  // guards rpcClient, subClient (stop resets them)
     std::shared_ptr<pilot_rpc::rpc_client> rpcClient;
     std::shared_ptr<pilot_rpc::rpc_client> subClient;
+
+    /// Set by stop: waiting HTTP callers and event streams end early.
+    std::atomic<bool> stopped{false};
 
     std::atomic<int> linkType{0};
     std::atomic<bool> localMqtt{false};
@@ -54,6 +66,10 @@ struct PilotControlPImpl {
     std::string lastSoftUpdateStatus;
     std::string lastUpdateProgress;
     std::string lastMagCompassCali;
+
+    /// Publishing work handed off by the RPC I/O threads when the host pool
+    /// has no free thread (and for the direct publications of the dispatch).
+    OutboundWorker outbound;
 
     mutable std::mutex publishMutex;  // guards responseStatus, failedRouteMissions
     std::map<std::string, int> responseStatus;

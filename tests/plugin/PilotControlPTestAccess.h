@@ -10,6 +10,28 @@ class PilotControlPTestAccess {
 public:
     static PilotControlPImpl& impl(PilotControlP& p) { return *p.impl; }
 
+    static void setMqtt(PilotControlP& p, std::shared_ptr<MqttClient> mqtt) { p.mqttClient = std::move(mqtt); }
+    static void dispatch(PilotControlP& p, const std::string& topic, const std::string& data)
+    {
+        p.dispatchServiceEvent(topic, data);
+    }
+    static void publish(PilotControlP& p, const std::string& payload, const std::string& topic,
+                        const std::string& api)
+    {
+        p.publishMessage(payload, topic, api);
+    }
+    static void record(PilotControlP& p, int kind, const Poco::JSON::Object& object, const std::string& topic,
+                       const std::string& api)
+    {
+        p.sendTelemeToMicroService(kind, object, topic, api);
+    }
+    static unsigned int linkTypeOf(PilotControlP& p, const Poco::JSON::Object& request)
+    {
+        return p.getLinkType(request);
+    }
+    static void notifyLinkType(PilotControlP& p, unsigned int linkType) { p.notifyLinkTypeChange(linkType); }
+    static void vehicleOnline(PilotControlP& p, const std::string& data) { p.handleVehicleOnlineStatus(data); }
+
     static std::string shortError(PilotControlP& p, const std::string& text, PilotControlP::ErrorCode code)
     {
         return p.makeErrorMsg(text, code);

@@ -1,0 +1,222 @@
+// What happens to each event the micro service publishes on a subscribed topic.
+
+#include <atomic>
+#include <cstdlib>
+
+#include <Poco/JSON/Parser.h>
+
+#include "ApiCatalogue.h"
+#include "MqttClient.h"
+#include "PilotControlP.h"
+#include "PilotControlPImpl.h"
+#include "PluginTexts.h"
+#include "ThreadPool.h"
+#include "VelmoraCommon.h"
+#include "rpc/rpc_client.h"
+#include "uav/PilotControlCommon/ConfigKeys.h"
+#include "uav/PilotControlCommon/PilotControlCommon.h"
+#include "uav/PilotControlCommon/PilotControlLog.h"
+
+namespace vlm {
+namespace {
+
+// Process-wide counter for the "msgId" of wrapped events; the first is "0".
+std::atomic<uint64_t> envelopeCounter{0};
+
+// The interval the service asks for arrives 100 above what the link uses, and
+// is kept inside 100..900.
+int telemetryIntervalFrom(const std::string& text)
+{
+    int value = std::atoi(text.c_str()) - 100;
+    if (value <= 0)
+        value = 100;
+    if (value >= 1000)
+        value = 900;
+    return value;
+}
+
+Poco::JSON::Object::Ptr parseEventObject(const std::string& text)
+{
+    Poco::JSON::Parser parser;
+    Poco::Dynamic::Var parsed = parser.parse(text);
+    if (parsed.type() == typeid(Poco::JSON::Object::Ptr))
+        return parsed.extract<Poco::JSON::Object::Ptr>();
+    return new Poco::JSON::Object;
+}
+
+} // namespace
+
+void PilotControlP::rpcSubscribe(const std::string& topic)
+{
+    auto client = impl->subscriptionClient();
+    if (!client)
+        return;
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
+    client->subscribe(topic, [weakSelf, topic](std::string_view data) {
+        if (auto self = weakSelf.lock())
+            self->dispatchServiceEvent(topic, data);
+    });
+}
+
+void PilotControlP::dispatchServiceEvent(const std::string& topic, std::string_view data)
+{
+    const std::string text(data);
+    try {
+        if (topic == texts::uavData2MaterCtl) {
+            const std::string outTopic =
+                std::string(texts::pilotOutTopicPrefix) + impl->getPilotId() + texts::pilotOutTopicSuffix;
+            auto mqtt = mqttClient;
+            impl->outbound.post([mqtt, text, outTopic] {
+                if (mqtt)
+                    mqtt->PublishMessage(text, outTopic, 0, 0, 1);
+            });
+            return;
+        }
+        if (topic == texts::pilotConnectState) {
+            if (text == "true") {
+                impl->pilotConnected = true;
+                PCP_LOG_INFO("pilot connected!");
+            } else if (text == "false") {
+                impl->pilotConnected = false;
+                impl->telemetryPublished = false;
+                PCP_LOG_INFO("pilot disconnected!");
+            }
+            return;
+        }
+        if (topic == texts::setTelemFrequency) {
+            impl->telemFrequency = telemetryIntervalFrom(text);
+            PCP_LOG_INFO("setTelemFrequency: %d", impl->telemFrequency.load());
+            return;
+        }
+        if (topic == texts::pushUavSn) {
+            if (!text.empty() && text != impl->getPilotId())
+                impl->setPilotId(text);
+            return;
+        }
+        if (topic.find(serviceFunctionName(0)) != std::string::npos) {
+            const std::string cloudTopic = std::string(texts::pilotTopicPrefix) + topicGuidAppTypeZero() + "/" +
+                                           impl->getStationId() + texts::commandTopicSuffix;
+            std::weak_ptr<PilotControlP> weakSelf = impl->self;
+            impl->outbound.post([weakSelf, text, cloudTopic, topic] {
+                if (auto self = weakSelf.lock())
+                    self->publishMessage(text, cloudTopic, topic);
+            });
+            return;
+        }
+        if (topic == serviceFunctionName(2) && callback) {
+            callback(text);
+            return;
+        }
+        wrapAndPublishEvent(topic, text);
+    } catch (const Poco::Exception& e) {
+        PCP_LOG_ERROR("%s: %s", topic.c_str(), e.displayText().c_str());
+    } catch (const std::exception& e) {
+        PCP_LOG_ERROR("%s: %s", topic.c_str(), e.what());
+    }
+}
+
+void PilotControlP::cacheServiceEvent(int apiNumber, const std::string& text)
+{
+    std::lock_guard<std::mutex> lock(impl->cacheMutex);
+    switch (apiNumber) {
+    case api::pushTelemetry:
+        impl->lastTelemetry = text;
+        break;
+    case api::pushRoute:
+    case api::syncRoute:
+    case api::deleteWayPointList:
+        impl->lastRoute = text;
+        impl->lastProgress.clear();
+        break;
+    case api::updateProgress:
+        impl->lastProgress = text;
+        break;
+    case api::getRunInfo:
+        impl->lastRunInfo = text;
+        break;
+    case api::getBinInfo:
+        impl->lastBinInfo = text;
+        break;
+    case api::softUpload:
+        impl->lastSoftUpload = text;
+        PCP_LOG_INFO("software res: %s", text.c_str());
+        break;
+    case api::softUpdateStatus:
+        impl->lastSoftUpdateStatus = text;
+        break;
+    case api::getUpdateProgress:
+        impl->lastUpdateProgress = text;
+        break;
+    case api::updateMagneticCompassCali:
+        impl->lastMagCompassCali = text;
+        break;
+    default:
+        break;
+    }
+}
+
+void PilotControlP::wrapAndPublishEvent(const std::string& topic, const std::string& text)
+{
+    Poco::JSON::Object::Ptr message = parseEventObject(text);
+    if (auto number = apiNumber(topic))
+        cacheServiceEvent(*number, text);
+
+    const std::string stationId = impl->getStationId();
+    const std::string guid = impl->appType != 0 ? topicGuidAppTypeOther() : topicGuidAppTypeZero();
+    const std::string groundTopic = std::string(texts::pilotTopicPrefix) + guid + "/" + stationId +
+                                    texts::commandTopicSuffix;
+
+    if (impl->getPilotId().empty() && topic == texts::pilotConnect) {
+        if (auto client = impl->callClient())
+            impl->setPilotId(client->call<5000, std::string>(texts::procGetStringConfig, std::string(cfg::vehiclePilotId)));
+    }
+    const std::string pilotId = impl->getPilotId();
+    message->set("id", pilotId);
+
+    Poco::JSON::Object envelope(Poco::JSON_PRESERVE_KEY_ORDER);
+    envelope.set("api", topic);
+    envelope.set("type", "response");
+    envelope.set("target", "/");
+    envelope.set("from", stationId);
+    envelope.set("pilot_id", pilotId);
+    envelope.set("message", message);
+    envelope.set("msgId", std::to_string(envelopeCounter.fetch_add(1)));
+
+    if (topic == texts::fireSearchInfo) {
+        envelope.set("type", "request");
+        const std::string payload = jsonToString(envelope);
+        const std::string edgeTopic =
+            std::string(texts::edgeMasterTopicPrefix) + topicGuidAppTypeZero() + texts::edgeMasterTopicSuffix;
+        auto mqtt = mqttClient;
+        impl->outbound.post([mqtt, payload, edgeTopic, topic] {
+            const bool sent = mqtt && mqtt->PublishMessage(payload, edgeTopic, 2, 0, 1);
+            PCP_LOG_INFO("topic: %s, msg: %s, ret: %d", topic.c_str(), payload.c_str(), sent ? 1 : 0);
+        });
+        return;
+    }
+
+    const std::string payload = jsonToString(envelope);
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
+    auto publish = [weakSelf, payload, groundTopic, topic] {
+        auto self = weakSelf.lock();
+        if (!self)
+            return;
+        // With the station's own broker on a link of type 1, the link itself
+        // carries the answers to the ground; publishing them again would double them.
+        if (self->impl->localMqtt && self->impl->linkType == 1)
+            return;
+        self->publishMessage(payload, groundTopic, topic);
+    };
+    ThreadPool& pool = ThreadPool::defaultPool();
+    if (pool.hasFreeThread()) {
+        try {
+            pool.start(publish);
+            return;
+        } catch (const Poco::NoThreadAvailableException&) {
+            // Taken between the check and the start: fall through to the worker.
+        }
+    }
+    impl->outbound.post(std::move(publish));
+}
+
+} // namespace vlm

@@ -1,0 +1,173 @@
+// MQTT API: requests from the ground and the cloud on the plug-in's command
+// topics, forwarded to the micro service and answered on the topic they came
+// from.
+
+#include <Poco/JSON/Parser.h>
+
+#include "ApiCatalogue.h"
+#include "MqttClient.h"
+#include "PilotControlP.h"
+#include "PilotControlPImpl.h"
+#include "PluginTexts.h"
+#include "VelmoraCommon.h"
+#include "rpc/rpc_client.h"
+#include "uav/PilotControlCommon/PilotControlCommon.h"
+#include "uav/PilotControlCommon/PilotControlLog.h"
+
+namespace vlm {
+
+std::vector<PilotControlP::CommandTopic> PilotControlP::commandTopics() const
+{
+    const std::string stationId = impl->getStationId();
+    const std::string pilotId = impl->getPilotId();
+    const std::string pluginGuid = topicGuidAppTypeZero();
+    std::vector<CommandTopic> topics;
+    if (impl->sixAxisArSeat < 1) {
+        const std::string guid = impl->appType != 0 ? topicGuidAppTypeOther() : pluginGuid;
+        // The station's own command topic is where the cloud reaches the station.
+        topics.push_back({texts::pilotTopicPrefix + guid + "/" + stationId + texts::commandTopicSuffix, true});
+    } else {
+        topics.push_back({"/" + stationId + texts::telemetryTopicSuffix, false});
+    }
+    if (impl->appType == 0) {
+        topics.push_back({texts::pilotTopicPrefix + pluginGuid + "/" + pilotId + texts::commandTopicSuffix, false});
+        topics.push_back({texts::payloadTopicPrefix + pluginGuid + "/" + pilotId + texts::commandTopicSuffix, false});
+    }
+    return topics;
+}
+
+void PilotControlP::installMqttApi()
+{
+    if (!mqttClient)
+        return;
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
+    bool first = true;
+    for (const auto& entry : commandTopics()) {
+        const bool cloudSide = entry.cloudSide;
+        mqttClient->Subscribe(
+            [weakSelf, cloudSide](const std::string& topic, const std::string& payload) {
+                if (auto self = weakSelf.lock())
+                    self->handleMqttCommand(topic, payload, cloudSide);
+            },
+            entry.topic, 0);
+        if (first) {
+            PCP_LOG_INFO("mqtt subscribe topic: %s", entry.topic.c_str());
+            first = false;
+        }
+    }
+}
+
+void PilotControlP::handleMqttCommand(const std::string& topic, const std::string& payload, bool cloudSide)
+{
+    Poco::JSON::Object::Ptr message;
+    try {
+        Poco::JSON::Parser parser;
+        message = parser.parse(payload).extract<Poco::JSON::Object::Ptr>();
+    } catch (const Poco::Exception& e) {
+        PCP_LOG_ERROR("mqtt message on %s is not a JSON object: %s", topic.c_str(), e.displayText().c_str());
+        return;
+    }
+    try {
+        const std::string type = message->optValue<std::string>("type", "");
+        const std::string apiName = message->optValue<std::string>("api", "");
+        if (apiName.empty()) {
+            PCP_LOG_ERROR("param api is empty");
+            return;
+        }
+        // Link changes do not travel this way, and answers (ours included,
+        // since they go back on the same topic) are not requests.
+        if (apiName == texts::setCommLink || type == "response")
+            return;
+        if (apiName == texts::pushTelemetry) {
+            sendTelemeToMicroService(3, *message, topic, "");
+            return;
+        }
+        PCP_LOG_INFO("pilot micro service mqtt recv topic: %s ,api: %s", topic.c_str(), apiName.c_str());
+
+        const auto number = apiNumber(apiName);
+        if (!number) {
+            publishAnswer(makeErrorMsg(texts::apiNotExistPrefix + apiName, apiNotExist), topic, apiName);
+            return;
+        }
+        if (!worksWithoutVehicle(*number) && !impl->pilotConnected) {
+            publishAnswer(makeErrorMsg(texts::vehicleNotConnected, *message, vehicleNotConnected), topic, apiName);
+            return;
+        }
+        try {
+            if (cloudSide)
+                mqttAsyncApiCloud(*message, topic);
+            else
+                mqttAsyncApi(*message, topic);
+        } catch (const std::exception& e) {
+            const std::string text = std::string("Pilot response mqtt error msg: ") + e.what();
+            PCP_LOG_ERROR("%s", text.c_str());
+            publishAnswer(makeErrorMsg(text, *message, serviceCallFailed), topic, apiName);
+        }
+    } catch (const Poco::Exception& e) {
+        PCP_LOG_ERROR("%s: %s", topic.c_str(), e.displayText().c_str());
+    } catch (const std::exception& e) {
+        PCP_LOG_ERROR("%s: %s", topic.c_str(), e.what());
+    }
+}
+
+void PilotControlP::publishAnswer(const std::string& payload, const std::string& topic, const std::string& apiName)
+{
+    // Publishing may wait for the broker; never on an RPC I/O thread.
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
+    impl->outbound.post([weakSelf, payload, topic, apiName] {
+        if (auto self = weakSelf.lock())
+            self->publishMessage(payload, topic, apiName);
+    });
+}
+
+void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const std::string& topic,
+                                       const std::string& procedure, const std::string& secondArgument)
+{
+    auto client = impl->callClient();
+    if (!client)
+        throw std::invalid_argument("rpc client is null");
+    const std::string apiName = message.optValue<std::string>("api", "");
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
+    Poco::JSON::Object::Ptr request = new Poco::JSON::Object(message);
+    auto onAnswer = [weakSelf, request, topic, apiName](std::error_code error, std::string_view reply) {
+        if (auto self = weakSelf.lock())
+            self->publishAnswer(self->serviceAnswerText(error, reply, *request, " response mqtt msg: "), topic, apiName);
+    };
+    if (secondArgument.empty())
+        client->call_with_callback<120000>(procedure, std::move(onAnswer), jsonToString(message));
+    else
+        client->call_with_callback<120000>(procedure, std::move(onAnswer), jsonToString(message), secondArgument);
+}
+
+void PilotControlP::mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic)
+{
+    auto client = impl->callClient();
+    if (!client)
+        throw std::invalid_argument("rpc client is null");
+    client->connect(getAddress(), getPort(), false, 3);
+    const std::string apiName = message.getValue<std::string>("api");
+    const auto number = apiNumber(apiName);
+    const auto category = number ? apiCategory(*number) : std::nullopt;
+    if (!category)
+        throw std::invalid_argument("api has no service category: " + apiName);
+    forwardMqttRequest(message, topic, *category, apiName);
+}
+
+void PilotControlP::mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic)
+{
+    auto client = impl->callClient();
+    if (!client)
+        throw std::invalid_argument("rpc client is null");
+    const std::string apiName = message.getValue<std::string>("api");
+    client->connect(getAddress(), getPort(), false, 3);
+    if (message.has("factory") && message.get("factory").convert<bool>()) {
+        forwardMqttRequest(message, topic, texts::procDjiControl, "");
+    } else if (apiNumber(apiName) == api::hangerImageTransSwitch) {
+        forwardMqttRequest(message, topic, texts::procPilotControlBase, apiName);
+    } else {
+        forwardMqttRequest(message, topic, texts::procPilotControlBase, serviceFunctionName(1));
+    }
+    PCP_LOG_INFO("pilot micro service handle mqtt msg: %s", jsonToString(message).c_str());
+}
+
+} // namespace vlm

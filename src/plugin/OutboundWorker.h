@@ -1,0 +1,51 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace vlm {
+
+/// One thread that runs publishing work in arrival order, so the RPC I/O
+/// threads hand work over instead of waiting for the MQTT client. The queue is
+/// bounded: when it is full the oldest task is dropped and counted, which
+/// favours fresh telemetry over stale.
+class OutboundWorker {
+public:
+    explicit OutboundWorker(size_t capacity = 4096);
+    /// Lets queued tasks finish, then joins; when the last owner is a task on
+    /// the worker thread itself, the thread is detached and ends on its own.
+    ~OutboundWorker();
+    OutboundWorker(const OutboundWorker&) = delete;
+    OutboundWorker& operator=(const OutboundWorker&) = delete;
+
+    /// Queues a task; any thread. Returns false when the task was not kept
+    /// as it stood: a queued one was dropped to make room, or the worker stops.
+    bool post(std::function<void()> task);
+
+    /// Tasks dropped because the queue was full.
+    size_t dropped() const;
+
+private:
+    // Shared with the thread so that a detached thread never touches a
+    // destroyed worker.
+    struct State {
+        explicit State(size_t cap) : capacity(cap) {}
+        const size_t capacity;
+        std::mutex mutex;  // guards tasks, stopping, droppedCount
+        std::condition_variable wake;
+        std::deque<std::function<void()>> tasks;
+        bool stopping = false;
+        size_t droppedCount = 0;
+    };
+
+    static void run(const std::shared_ptr<State>& state);
+
+    std::shared_ptr<State> state;
+    std::thread thread;
+};
+
+} // namespace vlm

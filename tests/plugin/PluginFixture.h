@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Parser.h>
+
+#include "PilotControlPTestAccess.h"
+#include "RecordingMqttClient.h"
+
+namespace vlm::test {
+
+inline Poco::JSON::Object::Ptr parseObject(const std::string& text)
+{
+    return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+/// A plug-in object with a recording MQTT client and bus, not started: the
+/// event bridge is driven through its own operations.
+class PluginFixture : public ::testing::Test {
+protected:
+    using Access = PilotControlPTestAccess;
+
+    void SetUp() override
+    {
+        Access::setMqtt(*plugin, mqtt);
+        plugin->setCallback(bus.callback());
+        state().setStationId("station-1");
+        state().setPilotId("UAV-1");
+    }
+
+    PilotControlPImpl& state() { return Access::impl(*plugin); }
+
+    std::shared_ptr<PilotControlP> plugin = PilotControlP::createInstance();
+    std::shared_ptr<RecordingMqttClient> mqtt = std::make_shared<RecordingMqttClient>("station-1");
+    BusRecorder bus;
+};
+
+} // namespace vlm::test
