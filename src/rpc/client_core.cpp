@@ -208,8 +208,14 @@ void client_core::on_connect(const std::error_code& ec, std::uint64_t socket_gen
     }
 
     connected_.store(false);
-    if (reconnect_budget_.load() <= 0)
+    if (reconnect_budget_.load() <= 0) {
+        // Closed for good until the next connect(). A socket whose connect
+        // failed refuses the next attempt once more, so that attempt gets a
+        // fresh one.
+        std::error_code ignored;
+        socket_.close(ignored);
         return;
+    }
     reconnect_budget_.fetch_sub(1);
     reset_socket();
     start_connect();

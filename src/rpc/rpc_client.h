@@ -111,7 +111,7 @@ public:
     /// reconnection; never during destruction.
     void set_error_callback(std::function<void(std::error_code)> cb);
 
-    // Inspection, mainly for tests; any thread.
+    // State queries, mainly for tests; any thread.
     std::size_t outbox_size() const;
     std::size_t pending_future_calls() const;
     std::size_t pending_callback_calls() const;

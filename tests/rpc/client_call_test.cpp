@@ -1,0 +1,193 @@
+// Calls against the in-process service: synchronous, future and callback
+// styles, their time-outs and the pending-call tables.
+
+#include <gtest/gtest.h>
+
+#include <asio/error.hpp>
+
+#include "rpc/codec.h"
+#include "rpc_test_support.h"
+
+namespace pilot_rpc::test {
+namespace {
+
+class ClientCall : public service_test {
+protected:
+    void SetUp() override
+    {
+        service_test::SetUp();
+        ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+        ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+    }
+
+    rpc_client client;
+};
+
+TEST_F(ClientCall, SyncCallReturnsTheValueInTheExpectedType)
+{
+    EXPECT_EQ((client.call<2000, int>("echo", 42)), 42);
+    EXPECT_TRUE((client.call<2000, bool>("echo", true)));
+    EXPECT_EQ((client.call<2000, std::string>("echo", std::string("abc"))), "abc");
+    EXPECT_NO_THROW((client.call<2000, void>("echo", 1)));
+}
+
+TEST_F(ClientCall, SyncCallFailureCarriesTheServiceMessage)
+{
+    try {
+        client.call<2000, int>("fail");
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "no vehicle");
+    }
+}
+
+TEST_F(ClientCall, SyncCallTimeOutLeavesItsEntryInTheTable)
+{
+    try {
+        client.call<100, int>("never");
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "timeout or deferred");
+    }
+    EXPECT_TRUE(client.has_pending_future(1));
+}
+
+TEST_F(ClientCall, CallbackGetsTheRawBodyOnTheIoThread)
+{
+    slot<call_outcome> done;
+    client.call_with_callback<2000>(
+        "echo", [&](std::error_code ec, std::string_view body) { done.promise.set_value({ec, std::string(body), std::this_thread::get_id()}); },
+        7);
+    ASSERT_TRUE(done.ready_within(3s));
+    const call_outcome outcome = done.future.get();
+    EXPECT_FALSE(outcome.ec);
+    EXPECT_EQ(req_result(outcome.body).value<int>(), 7);
+    EXPECT_NE(outcome.thread, std::this_thread::get_id());
+    EXPECT_EQ(client.pending_callback_calls(), 0u);
+}
+
+TEST_F(ClientCall, LateAnswerToATimedOutCallbackDeliversTimedOutOnce)
+{
+    service.delay_answers("echo", 400ms);
+    std::atomic<int> calls{0};
+    slot<call_outcome> done;
+    client.call_with_callback<50>(
+        "echo",
+        [&](std::error_code ec, std::string_view body) {
+            if (calls.fetch_add(1) == 0)
+                done.promise.set_value({ec, std::string(body), {}});
+        },
+        1);
+    // The time-out itself calls nothing.
+    EXPECT_FALSE(done.ready_within(200ms));
+    ASSERT_TRUE(done.ready_within(3s));
+    const call_outcome outcome = done.future.get();
+    EXPECT_EQ(outcome.ec, std::error_code(asio::error::timed_out));
+    EXPECT_TRUE(outcome.body.empty());
+    EXPECT_EQ(client.pending_callback_calls(), 0u);
+    EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(ClientCall, AnswersForUnknownIdsCreateNoEntries)
+{
+    service.answer_twice("echo");
+    std::atomic<int> calls{0};
+    client.call_with_callback<2000>("echo", [&](std::error_code, std::string_view) { ++calls; }, 1);
+    EXPECT_EQ((client.call<2000, int>("echo", 2)), 2);  // also answered twice
+    const std::uint64_t stray = 0x8000000000000777ULL;
+    const std::string body = service_reply::success(1).body();
+    ASSERT_TRUE(service.send_frame(service.connections().front(), call_frame, stray, body));
+    ASSERT_TRUE(service.send_frame(service.connections().front(), call_frame, 777, body));
+    ASSERT_TRUE(wait_until([&] { return client.last_response_id() == 777; }));
+    EXPECT_EQ(client.pending_callback_calls(), 0u);
+    EXPECT_EQ(client.pending_future_calls(), 0u);
+    EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(ClientCall, CallbackWhileDisconnectedFailsAtOnceOnTheCallersThread)
+{
+    rpc_client idle;
+    std::optional<call_outcome> outcome;
+    idle.call_with_callback<2000>(
+        "echo", [&](std::error_code ec, std::string_view body) { outcome = call_outcome{ec, std::string(body), std::this_thread::get_id()}; },
+        1);
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->ec, std::error_code(asio::error::not_connected));
+    EXPECT_EQ(outcome->body, "not connected");
+    EXPECT_EQ(outcome->thread, std::this_thread::get_id());
+    EXPECT_EQ(idle.pending_callback_calls(), 0u);
+}
+
+TEST_F(ClientCall, CloseBreaksWaitingFuturesAndDropsCallbacks)
+{
+    std::atomic<int> callbacks{0};
+    client.call_with_callback<0>("never", [&](std::error_code, std::string_view) { ++callbacks; });
+    auto pending = client.call_future("never");
+    client.close();
+    EXPECT_FALSE(client.has_connected());
+    ASSERT_EQ(pending.wait_for(3s), std::future_status::ready);
+    try {
+        pending.get();
+        FAIL() << "no exception";
+    } catch (const std::future_error& e) {
+        EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+    }
+    EXPECT_EQ(client.pending_callback_calls(), 0u);
+    EXPECT_EQ(callbacks.load(), 0);
+}
+
+TEST_F(ClientCall, ReadFailureFailsEveryPendingCallbackWithTheError)
+{
+    slot<std::error_code> first;
+    slot<std::error_code> second;
+    client.call_with_callback<0>("never", [&](std::error_code ec, std::string_view) { first.promise.set_value(ec); });
+    client.call_with_callback<0>("never", [&](std::error_code ec, std::string_view) { second.promise.set_value(ec); });
+    ASSERT_TRUE(wait_for_frame_count(2));
+    service.close_all_connections();
+    ASSERT_TRUE(first.ready_within(3s));
+    ASSERT_TRUE(second.ready_within(3s));
+    EXPECT_EQ(first.future.get(), std::error_code(asio::error::eof));
+    EXPECT_EQ(second.future.get(), std::error_code(asio::error::eof));
+    EXPECT_TRUE(wait_until([&] { return client.pending_callback_calls() == 0; }));
+}
+
+// A write that fails keeps its frame at the head of the outbox: later frames
+// wait behind it, on a new connection too, until a read failure closes the
+// link and empties the outbox.
+TEST_F(ClientCall, FailedWriteHoldsTheQueueUntilAReadFailureEmptiesIt)
+{
+    rpc_client late;  // never connected: its first write fails at once
+    EXPECT_THROW((late.call<100, int>("echo", 1)), std::out_of_range);
+    EXPECT_TRUE(late.has_pending_future(1));
+    EXPECT_EQ(late.outbox_size(), 1u);
+
+    service.clear_frames();
+    ASSERT_TRUE(late.connect("127.0.0.1", port, false, 3));
+    ASSERT_TRUE(service.wait_for_accepted(2, 3s));
+    auto queued = late.call_future("echo", 2);
+    EXPECT_EQ(late.outbox_size(), 2u);
+    EXPECT_FALSE(wait_for_frame_count(1, 300ms));
+
+    const auto connections = service.connections();
+    service.close_connection(connections.back());
+    ASSERT_EQ(queued.wait_for(3s), std::future_status::ready);
+    EXPECT_THROW(queued.get(), std::future_error);
+    EXPECT_TRUE(wait_until([&] { return late.outbox_size() == 0 && late.pending_future_calls() == 0; }));
+
+    ASSERT_TRUE(late.connect("127.0.0.1", port, false, 3));
+    EXPECT_EQ((late.call<2000, int>("echo", 3)), 3);
+    EXPECT_EQ(frames_named("echo").size(), 1u);
+}
+
+TEST_F(ClientCall, ErrorCallbackHearsALostLink)
+{
+    slot<std::error_code> lost;
+    client.set_error_callback([&](std::error_code ec) { lost.promise.set_value(ec); });
+    service.close_all_connections();
+    ASSERT_TRUE(lost.ready_within(3s));
+    EXPECT_EQ(lost.future.get(), std::error_code(asio::error::eof));
+    EXPECT_FALSE(client.has_connected());
+}
+
+}  // namespace
+}  // namespace pilot_rpc::test

@@ -1,0 +1,120 @@
+// Connecting, reconnecting with subscription replay, and the heartbeat.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <system_error>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+
+#include "rpc_test_support.h"
+
+namespace pilot_rpc::test {
+namespace {
+
+/// A loopback port nobody listens on: bound by the kernel, then released.
+unsigned short refused_port()
+{
+    asio::io_context io;
+    asio::ip::tcp::acceptor acceptor(io, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0));
+    return acceptor.local_endpoint().port();
+}
+
+// The topics the plug-in subscribes to, in its registration order.
+const std::vector<std::string> plugin_topics{
+    "heartBeat", "pushTelemetry", "updateProgress", "getVersionInfo", "getRunInfo", "getBinInfo", "softUpload",
+    "softUpdateStatus", "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
+    "pilotConnectState", "syncRoute", "pushRoute", "deleteWayPointList", "setTelemFrequency", "uploadGuid",
+    "saveRouteMission", "requestBomb", "requestManCtrl", "uavData2MaterCtl", "fireSearchInfo", "pushUavSn",
+    "fixedPointFollow", "responseToCloud", "toMicroService", "vehicleOnlineStatus"};
+
+using ClientConnect = service_test;
+
+TEST_F(ClientConnect, ConnectedClientAnswersTrueWithoutLookingAtTheArguments)
+{
+    rpc_client client;
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    EXPECT_TRUE(client.connect("not an address", 1, false, 3));
+    ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+    EXPECT_FALSE(service.wait_for_accepted(2, 100ms));
+}
+
+TEST_F(ClientConnect, LaterConnectsKeepTheFirstHostAndPort)
+{
+    rpc_client client;
+    EXPECT_FALSE(client.connect("127.0.0.1", refused_port(), false, 1));
+    EXPECT_FALSE(client.connect("127.0.0.1", port, false, 1));
+    EXPECT_EQ(service.accepted_count(), 0u);
+}
+
+TEST_F(ClientConnect, NonNumericHostThrowsToTheCaller)
+{
+    rpc_client client;
+    EXPECT_THROW(client.connect("localhost", port, false, 1), std::system_error);
+}
+
+TEST_F(ClientConnect, IpV6LoopbackIsAcceptedAsANumericHost)
+{
+    rpc_client client;
+    // The service listens on IPv4 only, so this connect is refused; what
+    // matters is that "::1" parses and the attempt is made.
+    EXPECT_FALSE(client.connect("::1", port, false, 1));
+}
+
+TEST_F(ClientConnect, ReconnectsAfterARestartAndReplaysSubscriptionsInTopicOrder)
+{
+    rpc_client client;
+    client.enable_auto_reconnect();
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    for (const auto& topic : plugin_topics)
+        client.subscribe(topic, [](std::string_view) {});
+    ASSERT_TRUE(wait_for_frame_count(plugin_topics.size()));
+
+    service.stop_listening();
+    service.close_all_connections();
+    ASSERT_TRUE(wait_until([&] { return !client.has_connected(); }));
+    EXPECT_FALSE(service.wait_for_accepted(2, 1500ms));  // refused meanwhile
+
+    service.resume_listening();
+    ASSERT_TRUE(service.wait_for_accepted(2, 5s));
+    std::vector<std::string> sorted = plugin_topics;
+    std::sort(sorted.begin(), sorted.end());
+    const std::uint64_t second = service.connections().back();
+    ASSERT_TRUE(wait_until([&] { return service.subscriptions(second).size() == sorted.size(); }));
+    EXPECT_EQ(service.subscriptions(second), sorted);
+    EXPECT_EQ(sorted.front(), "deleteWayPointList");
+    EXPECT_TRUE(client.has_connected());
+}
+
+TEST_F(ClientConnect, WithoutReconnectionAFailedConnectStaysDown)
+{
+    rpc_client client;
+    service.stop_listening();
+    EXPECT_FALSE(client.connect("127.0.0.1", port, false, 1));
+    service.resume_listening();
+    EXPECT_FALSE(service.wait_for_accepted(1, 1500ms));
+    EXPECT_TRUE(client.connect("127.0.0.1", port, false, 3));  // only a new connect restarts
+}
+
+TEST_F(ClientConnect, HeartbeatOnlyWhileConnected)
+{
+    rpc_client client;
+    client.enable_auto_heartbeat(true, 20ms);
+    EXPECT_FALSE(wait_until([&] { return client.outbox_size() > 0; }, 200ms));
+
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    ASSERT_TRUE(wait_for_frame_count(3));
+    for (const auto& frame : service.frames()) {
+        EXPECT_EQ(frame.req_id, 0u);
+        EXPECT_EQ(frame.func_id, 0u);
+        EXPECT_TRUE(frame.body.empty());
+    }
+
+    client.close();
+    ASSERT_TRUE(service.wait_for_no_connections(3s));
+    EXPECT_FALSE(wait_until([&] { return client.outbox_size() > 0; }, 200ms));
+}
+
+}  // namespace
+}  // namespace pilot_rpc::test

@@ -1,0 +1,163 @@
+// What the client does with what it receives: length rules, frame types,
+// publications.
+
+#include <gtest/gtest.h>
+
+#include <asio/error.hpp>
+
+#include "rpc/codec.h"
+#include "rpc_test_support.h"
+
+namespace pilot_rpc::test {
+namespace {
+
+class ClientReceive : public service_test {
+protected:
+    void SetUp() override
+    {
+        service_test::SetUp();
+        client.set_error_callback([this](std::error_code ec) {
+            std::lock_guard<std::mutex> lock(mutex);
+            errors.push_back(ec);
+            changed.notify_all();
+        });
+        ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+        ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+        connection = service.connections().front();
+    }
+
+    std::optional<std::error_code> first_error(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, timeout, [this] { return !errors.empty(); }))
+            return std::nullopt;
+        return errors.front();
+    }
+
+    void send_header(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id, const std::string& body = "")
+    {
+        frame_header header;
+        header.frame_type = type;
+        header.body_len = body_len;
+        header.req_id = req_id;
+        ASSERT_TRUE(service.send_frame(connection, header, body));
+    }
+
+    rpc_client client;
+    std::uint64_t connection = 0;
+    std::mutex mutex;  // guards errors
+    std::condition_variable changed;
+    std::vector<std::error_code> errors;
+};
+
+TEST_F(ClientReceive, EmptyOrOversizeBodyClosesTheLinkWithMessageSize)
+{
+    for (std::uint32_t length : {0u, 10485761u}) {
+        SCOPED_TRACE(length);
+        send_header(call_frame, length, 1);
+        const auto error = first_error(3s);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(*error, std::error_code(asio::error::message_size));
+        EXPECT_TRUE(service.wait_for_no_connections(3s));
+        EXPECT_FALSE(client.has_connected());
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            errors.clear();
+        }
+        ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+        ASSERT_TRUE(wait_until([&] { return !service.connections().empty(); }));
+        connection = service.connections().front();
+    }
+}
+
+TEST_F(ClientReceive, LargestAllowedBodyIsRead)
+{
+    auto pending = client.call_future("never");
+    const std::string text(10485759 - 7, 'x');  // fixarray, fixint, str32 header: 7 bytes
+    const std::string body = service_reply::success(text).body();
+    ASSERT_EQ(body.size(), 10485759u);
+    send_header(call_frame, 10485759, pending.id, body);
+    ASSERT_EQ(pending.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(pending.get().value<std::string>().size(), text.size());
+}
+
+TEST_F(ClientReceive, BodyOfExactlyTheLimitStopsReadingSilently)
+{
+    auto pending = client.call_future("never");
+    send_header(call_frame, 10485760, 999);
+    send_header(call_frame, 5, pending.id, service_reply::success(1).body());
+    EXPECT_NE(pending.wait_for(300ms), std::future_status::ready);
+    EXPECT_TRUE(client.has_connected());
+    EXPECT_EQ(service.connections().size(), 1u);
+    EXPECT_FALSE(first_error(0ms));
+}
+
+TEST_F(ClientReceive, UnknownFrameTypeClosesWithInvalidArgument)
+{
+    send_header(7, 1, 1, std::string("\x90", 1));
+    const auto error = first_error(3s);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(*error, std::error_code(asio::error::invalid_argument));
+    EXPECT_TRUE(service.wait_for_no_connections(3s));
+}
+
+TEST_F(ClientReceive, PublicationReachesItsHandlerOnTheIoThread)
+{
+    slot<std::pair<std::string, std::thread::id>> got;
+    client.subscribe("heartBeat", [&](std::string_view data) {
+        got.promise.set_value({std::string(data), std::this_thread::get_id()});
+    });
+    ASSERT_TRUE(wait_until([&] { return !service.subscriptions(connection).empty(); }));
+    EXPECT_EQ(service.publish("heartBeat", "{}"), 1u);
+    ASSERT_TRUE(got.ready_within(3s));
+    const auto [data, thread] = got.future.get();
+    EXPECT_EQ(data, "{}");
+    EXPECT_NE(thread, std::this_thread::get_id());
+}
+
+TEST_F(ClientReceive, SecondSubscribeForATopicKeepsTheFirstHandlerAndSendsNothing)
+{
+    slot<std::string> got;
+    client.subscribe("pushTelemetry", [&](std::string_view data) { got.promise.set_value(std::string(data)); });
+    client.subscribe("pushTelemetry", [](std::string_view) { ADD_FAILURE() << "second handler ran"; });
+    ASSERT_TRUE(wait_until([&] { return !service.subscriptions(connection).empty(); }));
+    EXPECT_FALSE(wait_until([&] { return service.subscriptions(connection).size() > 1; }, 200ms));
+    service.publish("pushTelemetry", "t");
+    ASSERT_TRUE(got.ready_within(3s));
+    EXPECT_EQ(client.subscription_count(), 1u);
+}
+
+TEST_F(ClientReceive, PublicationForAnUnknownTopicIsDroppedAndReadingGoesOn)
+{
+    slot<std::string> got;
+    client.subscribe("known", [&](std::string_view data) { got.promise.set_value(std::string(data)); });
+    const msgpack::sbuffer stray = pack_publication(0, "unknown", "x");
+    send_header(topic_frame, static_cast<std::uint32_t>(stray.size()), 0, std::string(stray.data(), stray.size()));
+    const msgpack::sbuffer known = pack_publication(0, "known", "y");
+    send_header(topic_frame, static_cast<std::uint32_t>(known.size()), 0, std::string(known.data(), known.size()));
+    ASSERT_TRUE(got.ready_within(3s));
+    EXPECT_EQ(got.future.get(), "y");
+    EXPECT_FALSE(first_error(0ms));
+}
+
+TEST_F(ClientReceive, MalformedPublicationRunsTheErrorRoutineButStaysConnected)
+{
+    send_header(topic_frame, 1, 0, std::string("\xc1", 1));
+    const auto error = first_error(3s);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(*error, std::error_code(asio::error::invalid_argument));
+    EXPECT_TRUE(client.has_connected());
+}
+
+TEST_F(ClientReceive, HandlerExceptionRunsTheErrorRoutine)
+{
+    client.subscribe("boom", [](std::string_view) { throw std::runtime_error("handler failed"); });
+    ASSERT_TRUE(wait_until([&] { return !service.subscriptions(connection).empty(); }));
+    service.publish("boom", "{}");
+    const auto error = first_error(3s);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(*error, std::error_code(asio::error::invalid_argument));
+}
+
+}  // namespace
+}  // namespace pilot_rpc::test

@@ -1,0 +1,82 @@
+// Exact bytes on the wire, read by a raw socket peer.
+
+#include <gtest/gtest.h>
+
+#include "raw_peer.h"
+#include "rpc/frame.h"
+#include "rpc/rpc_client.h"
+#include "rpc_test_support.h"
+
+namespace pilot_rpc::test {
+namespace {
+
+std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id, std::uint32_t func_id)
+{
+    frame_header header;
+    header.frame_type = type;
+    header.body_len = body_len;
+    header.req_id = req_id;
+    header.func_id = func_id;
+    const header_bytes bytes = encode_header(header);
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+class ClientWire : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(client.connect("127.0.0.1", peer.port(), false, 3));
+        ASSERT_TRUE(peer.accept(3s));
+    }
+
+    raw_peer peer;
+    rpc_client client;
+};
+
+TEST_F(ClientWire, HeartbeatIsAHeaderOfTwentyBytesAndNothingElse)
+{
+    client.enable_auto_heartbeat(true, 20ms);
+    const auto heartbeat = peer.read_exact(20, 3s);
+    ASSERT_TRUE(heartbeat);
+    EXPECT_EQ(*heartbeat, header_of(0, 0, 0, 0));
+    // The next 20 bytes are the next heartbeat, not a body of the first.
+    EXPECT_EQ(peer.read_exact(20, 3s).value_or(""), header_of(0, 0, 0, 0));
+}
+
+TEST_F(ClientWire, CallFrameCarriesIdFunctionIdAndArgumentsOnly)
+{
+    auto result = client.call_future("setSelfGuid", std::string("{D639}"));
+    EXPECT_EQ(result.id, 1u);
+    const std::string body("\x91\xa6{D639}", 8);
+    EXPECT_EQ(peer.read_exact(20 + body.size(), 3s).value_or(""), header_of(0, 8, 1, 0x9571C9A0) + body);
+}
+
+TEST_F(ClientWire, CallWithoutArgumentsSendsAnEmptyArray)
+{
+    client.call_future("reportRPCSub");
+    EXPECT_EQ(peer.read_exact(21, 3s).value_or(""), header_of(0, 1, 1, 0xD7A17A50) + std::string("\x90", 1));
+}
+
+TEST_F(ClientWire, SubscribeSendsTopicAndEmptyToken)
+{
+    client.subscribe("heartBeat", [](std::string_view) {});
+    const std::string body("\x92\xa9heartBeat\xa0", 12);
+    EXPECT_EQ(peer.read_exact(20 + body.size(), 3s).value_or(""), header_of(1, 12, 0, 0x136C4ED4) + body);
+}
+
+TEST_F(ClientWire, IdsOfBothKindsCountFromOneAndCallbackIdsSetBit63)
+{
+    EXPECT_EQ(client.call_future("a").id, 1u);
+    EXPECT_EQ(client.call_future("a").id, 2u);
+    client.call_with_callback<0>("flightControl", [](std::error_code, std::string_view) {}, std::string("{}"),
+                                 std::string("pushRoute"));
+    client.call_with_callback<0>("flightControl", [](std::error_code, std::string_view) {}, true);
+    const std::string first_body("\x92\xa2{}\xa9pushRoute", 14);
+    const auto bytes = peer.read_exact(2 * 21 + 20 + first_body.size() + 20 + 2, 3s);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(bytes->substr(42, 34), header_of(0, 14, 0x8000000000000001ULL, 0xCF15697B) + first_body);
+    EXPECT_EQ(bytes->substr(76, 20), header_of(0, 2, 0x8000000000000002ULL, 0xCF15697B));
+}
+
+}  // namespace
+}  // namespace pilot_rpc::test

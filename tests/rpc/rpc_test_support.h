@@ -1,0 +1,82 @@
+#pragma once
+
+// Shared set-up of the client tests: a service on a kernel-chosen loopback
+// port with a few procedures, and bounded waits.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rpc/function_id.h"
+#include "rpc/rpc_client.h"
+#include "rpc/service/rpc_service.h"
+
+namespace pilot_rpc::test {
+
+using namespace std::chrono_literals;
+
+/// Polls `condition` every few milliseconds until it holds or `timeout` passes.
+/// For state that offers nothing to wait on (table sizes, flags).
+inline bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 3s)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+/// A one-shot slot that a callback fills and the test waits on.
+template <typename T>
+struct slot {
+    std::promise<T> promise;
+    std::future<T> future = promise.get_future();
+    bool ready_within(std::chrono::milliseconds timeout) { return future.wait_for(timeout) == std::future_status::ready; }
+};
+
+struct call_outcome {
+    std::error_code ec;
+    std::string body;
+    std::thread::id thread;
+};
+
+class service_test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        service.bind("echo", [](const msgpack::object& args) {
+            return service_reply::success(args.via.array.size > 0 ? args.via.array.ptr[0] : msgpack::object());
+        });
+        service.bind("fail", [](const msgpack::object&) { return service_reply::failure(3, "no vehicle"); });
+        service.bind("never", [](const msgpack::object&) { return service_reply::success(0); });
+        service.withhold_answers("never");
+        port = service.start();
+    }
+
+    /// Frames of one type whose func_id is the id of `name`.
+    std::vector<received_frame> frames_named(const std::string& name) const
+    {
+        std::vector<received_frame> matching;
+        for (const auto& frame : service.frames())
+            if (frame.func_id == function_id(name))
+                matching.push_back(frame);
+        return matching;
+    }
+
+    bool wait_for_frame_count(std::size_t count, std::chrono::milliseconds timeout = 3s)
+    {
+        return service.wait_for_frames([count](const auto& frames) { return frames.size() >= count; }, timeout);
+    }
+
+    rpc_service service;
+    unsigned short port = 0;
+};
+
+}  // namespace pilot_rpc::test

@@ -1,0 +1,103 @@
+// The service peer itself: what tests and the simulator rely on.
+
+#include <gtest/gtest.h>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/write.hpp>
+
+#include "rpc/codec.h"
+#include "rpc_test_support.h"
+
+namespace pilot_rpc::test {
+namespace {
+
+using RpcService = service_test;
+
+TEST_F(RpcService, AnswersSeveralClientsAndRecordsTheirFrames)
+{
+    rpc_client first;
+    rpc_client second;
+    ASSERT_TRUE(first.connect("127.0.0.1", port, false, 3));
+    ASSERT_TRUE(second.connect("127.0.0.1", port, false, 3));
+    EXPECT_EQ((first.call<2000, int>("echo", 1)), 1);
+    EXPECT_EQ((second.call<2000, std::string>("echo", std::string("two"))), "two");
+    const auto frames = frames_named("echo");
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_NE(frames[0].connection, frames[1].connection);
+    EXPECT_EQ(frames[0].decoded, "[1]");
+    EXPECT_EQ(frames[1].decoded, "[\"two\"]");
+}
+
+TEST_F(RpcService, UnboundProcedureAndThrowingHandlerAnswerFailures)
+{
+    service.bind("throws", [](const msgpack::object&) -> service_reply { throw std::runtime_error("bad args"); });
+    rpc_client client;
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    try {
+        client.call<2000, int>("nobody");
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), rpc_service::unbound_text);
+    }
+    try {
+        client.call<2000, int>("throws");
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "bad args");
+    }
+}
+
+TEST_F(RpcService, PublishesOnlyToSubscribersOfTheTopic)
+{
+    rpc_client subscriber;
+    rpc_client bystander;
+    slot<std::string> got;
+    ASSERT_TRUE(subscriber.connect("127.0.0.1", port, false, 3));
+    ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+    ASSERT_TRUE(bystander.connect("127.0.0.1", port, false, 3));
+    subscriber.subscribe("pilotConnect", [&](std::string_view data) { got.promise.set_value(std::string(data)); });
+    ASSERT_TRUE(wait_until([&] { return !service.subscriptions(1).empty(); }));
+    EXPECT_EQ(service.publish("pilotConnect", "{\"a\":1}"), 1u);
+    ASSERT_TRUE(got.ready_within(3s));
+    EXPECT_EQ(got.future.get(), "{\"a\":1}");
+    EXPECT_EQ(service.publish("otherTopic", "x"), 0u);
+}
+
+TEST_F(RpcService, RecordsHeartbeatsWithoutAnsweringThem)
+{
+    rpc_client client;
+    client.enable_auto_heartbeat(true, 10ms);
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    ASSERT_TRUE(wait_for_frame_count(2));
+    EXPECT_EQ(client.last_response_id(), 0u);
+    EXPECT_EQ(service.frames().front().decoded, "");
+}
+
+TEST_F(RpcService, RefusesConnectionsWhileNotListeningAndResumesOnTheSamePort)
+{
+    service.stop_listening();
+    rpc_client refused;
+    EXPECT_FALSE(refused.connect("127.0.0.1", port, false, 1));
+    service.resume_listening();
+    EXPECT_EQ(service.port(), port);
+    rpc_client accepted;
+    EXPECT_TRUE(accepted.connect("127.0.0.1", port, false, 3));
+}
+
+TEST_F(RpcService, ClosesAConnectionThatSendsAnOversizeBody)
+{
+    asio::io_context io;
+    asio::ip::tcp::socket raw(io);
+    raw.connect(asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), port));
+    ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+    frame_header header;
+    header.body_len = max_buffer_len;
+    const header_bytes bytes = encode_header(header);
+    asio::write(raw, asio::buffer(bytes));
+    EXPECT_TRUE(service.wait_for_no_connections(3s));
+    EXPECT_TRUE(service.frames().empty());
+}
+
+}  // namespace
+}  // namespace pilot_rpc::test
