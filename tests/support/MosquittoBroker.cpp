@@ -1,0 +1,222 @@
+#include "support/MosquittoBroker.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Timespan.h>
+
+namespace vlm::test {
+namespace {
+
+const char* const brokerPath = "/usr/sbin/mosquitto";
+const char* const passwdToolPath = "/usr/bin/mosquitto_passwd";
+const char* const loopback = "127.0.0.1";
+
+int pickFreePort()
+{
+    Poco::Net::ServerSocket probe;
+    probe.bind(Poco::Net::SocketAddress(loopback, 0), false);
+    const int port = probe.address().port();
+    probe.close();
+    return port;
+}
+
+// Runs a child with its output appended to `logPath`. Only async-signal-safe
+// calls happen between fork and exec, because the test process has threads.
+pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPath, bool dieWithParentThread)
+{
+    std::vector<char*> argv;
+    for (const auto& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+
+    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (logFd < 0)
+        throw std::runtime_error("cannot open " + logPath);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (dieWithParentThread) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != parent)
+                ::_exit(127);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::dup2(logFd, STDOUT_FILENO);
+        ::dup2(logFd, STDERR_FILENO);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::close(logFd);
+    if (pid < 0)
+        throw std::runtime_error("fork failed for " + args.front());
+    return pid;
+}
+
+// Reaps `pid` if it has exited within the bound; true when it is gone.
+bool reapWithin(pid_t pid, std::chrono::milliseconds bound)
+{
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    for (;;) {
+        int status = 0;
+        const pid_t r = ::waitpid(pid, &status, WNOHANG);
+        if (r == pid || (r < 0 && errno == ECHILD))
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+void killAndReap(pid_t pid)
+{
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options{}) {}
+
+MosquittoBroker::MosquittoBroker(Options opts) : options(std::move(opts)), listenPort(pickFreePort())
+{
+    if (!options.userName.empty())
+        writePasswordFile();
+}
+
+MosquittoBroker::~MosquittoBroker()
+{
+    stop();
+}
+
+std::string MosquittoBroker::hostPort() const
+{
+    return std::string(loopback) + ":" + std::to_string(listenPort);
+}
+
+std::string MosquittoBroker::uri() const
+{
+    return "tcp://" + hostPort();
+}
+
+std::string MosquittoBroker::output() const
+{
+    return TempDir::read(dir.file("mosquitto.log"));
+}
+
+void MosquittoBroker::writePasswordFile()
+{
+    const pid_t pid = spawnLogged({passwdToolPath, "-b", "-c", dir.file("passwd"), options.userName, options.password},
+                                  dir.file("mosquitto_passwd.log"), true);
+    int status = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        if (::waitpid(pid, &status, WNOHANG) == pid)
+            break;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            killAndReap(pid);
+            throw std::runtime_error("mosquitto_passwd did not finish");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error("mosquitto_passwd failed: " + TempDir::read(dir.file("mosquitto_passwd.log")));
+}
+
+void MosquittoBroker::writeConfig()
+{
+    std::string config;
+    config += "listener " + std::to_string(listenPort) + " " + loopback + "\n";
+    config += "persistence false\n";
+    config += "log_dest stderr\n";
+    config += "log_type error\nlog_type warning\nlog_type notice\n";
+    // As root, mosquitto would switch to its own user and could no longer read
+    // the files of this test's directory.
+    if (::geteuid() == 0)
+        config += "user root\n";
+    if (options.userName.empty()) {
+        config += "allow_anonymous true\n";
+    } else {
+        config += "allow_anonymous false\n";
+        config += "password_file " + dir.file("passwd") + "\n";
+    }
+    dir.write("mosquitto.conf", config);
+}
+
+void MosquittoBroker::start()
+{
+    if (running())
+        return;
+    // The kernel's free port may be taken by someone else before mosquitto binds
+    // it; only the first start may move to another port, a restart must not.
+    const int attempts = everStarted ? 1 : 3;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (launch()) {
+            everStarted = true;
+            return;
+        }
+        if (attempt + 1 < attempts)
+            listenPort = pickFreePort();
+    }
+    throw std::runtime_error("mosquitto did not start on port " + std::to_string(listenPort) + ": " + output());
+}
+
+bool MosquittoBroker::launch()
+{
+    writeConfig();
+    child = spawnLogged({brokerPath, "-c", dir.file("mosquitto.conf")}, dir.file("mosquitto.log"), true);
+    if (waitUntilAccepting())
+        return true;
+    stop();
+    return false;
+}
+
+bool MosquittoBroker::waitUntilAccepting()
+{
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        try {
+            Poco::Net::StreamSocket probe;
+            probe.connect(Poco::Net::SocketAddress(loopback, static_cast<Poco::UInt16>(listenPort)),
+                          Poco::Timespan(0, 200000));
+            probe.close();
+            return true;
+        } catch (const Poco::Exception&) {
+        }
+        int status = 0;
+        if (::waitpid(child, &status, WNOHANG) == child) {
+            child = -1;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+void MosquittoBroker::stop()
+{
+    if (!running())
+        return;
+    ::kill(child, SIGTERM);
+    if (!reapWithin(child, std::chrono::seconds(3)))
+        killAndReap(child);
+    child = -1;
+}
+
+} // namespace vlm::test
