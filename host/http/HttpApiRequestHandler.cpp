@@ -1,0 +1,172 @@
+#include "http/HttpApiRequestHandler.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Logger.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/String.h>
+#include <Poco/URI.h>
+
+#include "VelmoraCommon.h"
+#include "http/HttpJsonReply.h"
+#include "http/HttpRequestBody.h"
+
+namespace vlm {
+namespace {
+
+using Status = Poco::Net::HTTPResponse::HTTPStatus;
+
+// How much of an unwanted body is read before the connection closes: enough for
+// any sane client to get its answer, small enough not to matter.
+const std::size_t discardBound = 8 * 1024 * 1024;
+
+Poco::Logger& logger()
+{
+    return Poco::Logger::get(logName());
+}
+
+// Length-independent comparison, so the time taken does not reveal how much
+// of a guessed token was right.
+bool sameSecret(const std::string& given, const std::string& expected)
+{
+    if (expected.empty())
+        return given.empty();
+    unsigned char difference = given.size() == expected.size() ? 0 : 1;
+    for (std::size_t i = 0; i < given.size(); ++i)
+        difference |= static_cast<unsigned char>(given[i] ^ expected[i % expected.size()]);
+    return difference == 0;
+}
+
+Status statusOf(JsonBody::Status status)
+{
+    switch (status) {
+    case JsonBody::Status::tooLarge:
+        return Status::HTTP_REQUEST_ENTITY_TOO_LARGE;
+    default:
+        return Status::HTTP_BAD_REQUEST;
+    }
+}
+
+} // namespace
+
+void HttpApiRequestHandler::handleRequest(Poco::Net::HTTPServerRequest& request,
+                                          Poco::Net::HTTPServerResponse& response)
+{
+    HttpServerContext::Running running(context);
+    std::string failure;
+    try {
+        serve(request, response);
+        return;
+    } catch (const Poco::Exception& e) {
+        failure = e.displayText();
+    } catch (const std::exception& e) {
+        failure = e.what();
+    } catch (...) {
+        failure = "non-standard exception";
+    }
+    logger().error("http handler for %s failed: %s", request.getURI(), failure);
+    if (response.sent())
+        return;
+    try {
+        response.setKeepAlive(false);
+        sendJsonError(response, Status::HTTP_INTERNAL_SERVER_ERROR, "handler failed: " + failure);
+    } catch (...) {
+        // The client is gone; there is no one left to tell.
+    }
+}
+
+void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
+{
+    if (context.stopping.load()) {
+        refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, "server is stopping");
+        return;
+    }
+    if (!authorized(request)) {
+        response.set("WWW-Authenticate", "Bearer");
+        refuseEarly(request, response, Status::HTTP_UNAUTHORIZED, "missing or wrong bearer token");
+        return;
+    }
+
+    std::string path;
+    ApiParams params;
+    try {
+        const Poco::URI uri(request.getURI());
+        path = uri.getPath();
+        for (const auto& [name, value] : uri.getQueryParameters())
+            params[name] = value;
+    } catch (const Poco::Exception& e) {
+        refuseEarly(request, response, Status::HTTP_BAD_REQUEST, "malformed request URI: " + e.displayText());
+        return;
+    }
+
+    const auto route = context.routes.find(path);
+    if (!route) {
+        refuseEarly(request, response, Status::HTTP_NOT_FOUND, "no api at " + path);
+        return;
+    }
+    // Chunked by default: handlers write answers of unknown length, and only
+    // chunks keep the connection usable afterwards and reach the client as
+    // soon as they are flushed. HTTP/1.0 clients do not know chunks.
+    if (request.getVersion() == Poco::Net::HTTPMessage::HTTP_1_1)
+        response.setChunkedTransferEncoding(true);
+    if (route->stream)
+        serveStreamForm(*route, request, response, params);
+    else
+        serveRequestForm(*route, request, response, params, path);
+}
+
+bool HttpApiRequestHandler::authorized(const Poco::Net::HTTPServerRequest& request) const
+{
+    const std::string& token = context.options.bearerToken;
+    if (token.empty())
+        return true;
+    const std::string header = request.get("Authorization", "");
+    const std::string scheme = "Bearer ";
+    if (header.size() <= scheme.size() || Poco::icompare(header.substr(0, scheme.size()), scheme) != 0)
+        return false;
+    return sameSecret(Poco::trim(header.substr(scheme.size())), token);
+}
+
+void HttpApiRequestHandler::serveRequestForm(const HttpRoute& route, Poco::Net::HTTPServerRequest& request,
+                                             Poco::Net::HTTPServerResponse& response, const ApiParams& params,
+                                             const std::string& path)
+{
+    const JsonBody body = readJsonBody(request, context.options.maxBodyBytes);
+    if (body.status != JsonBody::Status::ok) {
+        logger().warning("http %s refused: %s", path, body.error);
+        if (body.status == JsonBody::Status::tooLarge) {
+            refuseEarly(request, response, statusOf(body.status), body.error);
+            return;
+        }
+        // After a broken body the connection cannot be trusted to carry another
+        // request.
+        if (body.status == JsonBody::Status::unreadable)
+            response.setKeepAlive(false);
+        sendJsonError(response, statusOf(body.status), body.error);
+        return;
+    }
+    Poco::JSON::Object reply;
+    route.request(request, response, params, reply, *body.object);
+    if (!response.sent())
+        sendJsonReply(response, Status::HTTP_OK, reply);
+}
+
+void HttpApiRequestHandler::serveStreamForm(const HttpRoute& route, Poco::Net::HTTPServerRequest& request,
+                                            Poco::Net::HTTPServerResponse& response, const ApiParams& params)
+{
+    Poco::JSON::Object reply;
+    route.stream(request, response, params, reply);
+    if (!response.sent())
+        sendJsonReply(response, Status::HTTP_OK, reply);
+}
+
+void HttpApiRequestHandler::refuseEarly(Poco::Net::HTTPServerRequest& request,
+                                        Poco::Net::HTTPServerResponse& response, Status status,
+                                        const std::string& text)
+{
+    response.setKeepAlive(false);
+    sendJsonError(response, status, text);
+    discardRequestBody(request, discardBound);
+}
+
+} // namespace vlm

@@ -1,0 +1,140 @@
+#include "http/HttpApiServer.h"
+
+#include <algorithm>
+
+#include <Poco/Logger.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/ThreadPool.h>
+
+#include "VelmoraCommon.h"
+#include "http/HttpApiRequestHandler.h"
+#include "http/HttpServerContext.h"
+
+namespace vlm {
+namespace {
+
+class HandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
+public:
+    explicit HandlerFactory(HttpServerContext& context) : context(context) {}
+
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
+    {
+        return new HttpApiRequestHandler(context);
+    }
+
+private:
+    HttpServerContext& context;
+};
+
+Poco::Logger& logger()
+{
+    return Poco::Logger::get(logName());
+}
+
+} // namespace
+
+HttpApiServer::HttpApiServer(HttpApiServerOptions options)
+    : context(std::make_unique<HttpServerContext>(std::move(options))),
+      workers(std::make_unique<Poco::ThreadPool>("VelmoraHttp", std::min(2, context->options.workerThreads),
+                                                 std::max(1, context->options.workerThreads)))
+{
+}
+
+HttpApiServer::~HttpApiServer()
+{
+    stop();
+    {
+        std::lock_guard<std::mutex> lock(lifecycleMutex);
+        server.reset();
+    }
+    // Connection threads use the context; none may outlive it.
+    workers->joinAll();
+}
+
+void HttpApiServer::start()
+{
+    std::lock_guard<std::mutex> lock(lifecycleMutex);
+    if (started || context->stopping.load())
+        throw Poco::IllegalStateException("http server already started or stopped");
+    const auto& options = context->options;
+    auto socket = std::make_unique<Poco::Net::ServerSocket>();
+    socket->bind(Poco::Net::SocketAddress(options.bindAddress, options.port), true);
+    socket->listen(std::max(16, options.queueSize));
+    boundPort = socket->address().port();
+
+    Poco::Net::HTTPServerParams::Ptr params = new Poco::Net::HTTPServerParams;
+    params->setMaxThreads(std::max(1, options.workerThreads));
+    params->setMaxQueued(std::max(1, options.queueSize));
+    params->setKeepAlive(options.keepAlive);
+    params->setKeepAliveTimeout(Poco::Timespan(options.keepAliveTimeout.count(), 0));
+    params->setTimeout(Poco::Timespan(options.socketTimeout.count(), 0));
+
+    server = std::make_unique<Poco::Net::HTTPServer>(new HandlerFactory(*context), *workers, *socket, params);
+    server->start();
+    listener = std::move(socket);
+    started = true;
+    logger().information("http api server listening on %s:%d", options.bindAddress, static_cast<int>(boundPort));
+}
+
+bool HttpApiServer::stop()
+{
+    {
+        std::lock_guard<std::mutex> lock(lifecycleMutex);
+        // Aborting shuts down every connection's socket, so a handler blocked
+        // in a write, or writing its next event block, fails at once.
+        if (!context->stopping.exchange(true) && server) {
+            server->stopAll(true);
+            // The server only stops accepting; closing the socket makes new
+            // clients fail at once instead of waiting in the backlog.
+            listener->close();
+        }
+    }
+    if (context->waitUntilIdle(context->options.stopTimeout))
+        return true;
+    logger().error("http api server stopped with %d handlers still running", context->runningHandlers());
+    return false;
+}
+
+std::uint16_t HttpApiServer::port() const
+{
+    std::lock_guard<std::mutex> lock(lifecycleMutex);
+    return boundPort;
+}
+
+bool HttpApiServer::stopping() const
+{
+    return context->stopping.load();
+}
+
+int HttpApiServer::runningHandlers() const
+{
+    return context->runningHandlers();
+}
+
+void HttpApiServer::apiRegist(std::string path, StreamApiHandler handler)
+{
+    HttpRoute route;
+    route.stream = std::move(handler);
+    registerRoute(std::move(path), std::move(route));
+}
+
+void HttpApiServer::apiRegist(std::string path, RequestApiHandler handler)
+{
+    HttpRoute route;
+    route.request = std::move(handler);
+    registerRoute(std::move(path), std::move(route));
+}
+
+void HttpApiServer::registerRoute(std::string path, HttpRoute route)
+{
+    if (path.empty() || path.front() != '/' || (!route.stream && !route.request)) {
+        logger().error("http route \"%s\" refused: a path must start with '/' and have a handler", path);
+        return;
+    }
+    context->routes.set(path, std::move(route));
+}
+
+} // namespace vlm

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "VelmoraExport.h"
+#include "WebApiBasic.h"
+#include "http/HttpApiServerOptions.h"
+
+namespace Poco {
+class ThreadPool;
+namespace Net {
+class HTTPServer;
+class ServerSocket;
+} // namespace Net
+} // namespace Poco
+
+namespace vlm {
+
+struct HttpServerContext;
+struct HttpRoute;
+
+/// The host's HTTP API server on POCO's HTTPServer.
+///
+/// Requests are routed by their exact path (query string excluded) to the
+/// handler registered with apiRegist; routes may be added while serving. Each
+/// request runs on one worker thread of the server, for as long as its handler
+/// runs. Query parameters, decoded, fill the ApiParams map (the last of several
+/// equal names wins).
+///
+/// Request form: the body (Content-Length or chunked) is parsed as one JSON
+/// object before the handler is called; an empty body is the empty object.
+/// A body that is malformed or not an object is answered 400 and one above
+/// maxBodyBytes 413; the handler is not called.
+///
+/// Stream form: the handler gets the raw response. HTTP/1.1 responses are set
+/// to chunked transfer encoding before any handler runs, so every flush of the
+/// response stream sends what was written as one chunk at once; a handler
+/// that sets a Content-Length must switch chunking off itself.
+///
+/// Both forms: when the handler returns without having sent the response, the
+/// reply object it was given is sent as the application/json answer. Unknown
+/// paths are answered 404, a handler exception 500 (and logged), a missing or
+/// wrong bearer token 401, all with a JSON body {"code": <status>, "msg": ...}.
+///
+/// Stopping: stop() makes stopping() true, closes the listening socket and
+/// shuts down the socket of every open connection. A handler writing to its
+/// response then sees the stream fail at its next flush (an event-stream loop
+/// ends by itself); a handler that waits on something else should poll
+/// stopping().
+class VLM_EXPORT HttpApiServer : public WebApiBasic {
+public:
+    explicit HttpApiServer(HttpApiServerOptions options = {});
+    /// Stops the server, then waits for handlers that ignored the stop.
+    ~HttpApiServer() override;
+    HttpApiServer(const HttpApiServer&) = delete;
+    HttpApiServer& operator=(const HttpApiServer&) = delete;
+
+    /// Binds, listens and starts serving. Throws Poco::Net::NetException (for
+    /// example address in use) naming the address. A server starts once; a
+    /// stopped server cannot be started again.
+    void start();
+
+    /// Stops serving (see the class comment) and waits up to stopTimeout for
+    /// running handlers to return. Returns whether they all did. Safe to call
+    /// more than once, from any thread except a handler.
+    bool stop();
+
+    /// The port the server listens on, known after start() (0 before).
+    std::uint16_t port() const;
+
+    /// Whether stop() has begun; handlers that wait on anything but their
+    /// response stream poll this.
+    bool stopping() const;
+
+    /// Number of handlers running right now.
+    int runningHandlers() const;
+
+    void apiRegist(std::string path, StreamApiHandler handler) override;
+    void apiRegist(std::string path, RequestApiHandler handler) override;
+
+private:
+    void registerRoute(std::string path, HttpRoute route);
+
+    std::unique_ptr<HttpServerContext> context;
+    std::unique_ptr<Poco::ThreadPool> workers;
+
+    mutable std::mutex lifecycleMutex;  // guards listener, server, boundPort and started
+    std::unique_ptr<Poco::Net::ServerSocket> listener;
+    std::unique_ptr<Poco::Net::HTTPServer> server;
+    std::uint16_t boundPort = 0;
+    bool started = false;
+};
+
+} // namespace vlm

@@ -1,0 +1,30 @@
+#include "http/HttpApiServerOptions.h"
+
+#include <stdexcept>
+
+namespace vlm {
+
+HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::AbstractConfiguration& config)
+{
+    HttpApiServerOptions options;
+    options.bindAddress = config.getString("http.address", options.bindAddress);
+    const int port = config.getInt("http.port", options.port);
+    if (port < 0 || port > 65535)
+        throw std::invalid_argument("http.port out of range: " + std::to_string(port));
+    options.port = static_cast<std::uint16_t>(port);
+    options.workerThreads = config.getInt("http.threads", options.workerThreads);
+    if (options.workerThreads < 1)
+        throw std::invalid_argument("http.threads must be at least 1");
+    options.queueSize = config.getInt("http.queue", options.queueSize);
+    if (options.queueSize < 1)
+        throw std::invalid_argument("http.queue must be at least 1");
+    const Poco::Int64 maxBody = config.getInt64("http.max_body_bytes", static_cast<Poco::Int64>(options.maxBodyBytes));
+    if (maxBody < 0)
+        throw std::invalid_argument("http.max_body_bytes must not be negative");
+    options.maxBodyBytes = static_cast<std::size_t>(maxBody);
+    options.keepAlive = config.getBool("http.keep_alive", options.keepAlive);
+    options.bearerToken = config.getString("http.token", "");
+    return options;
+}
+
+} // namespace vlm

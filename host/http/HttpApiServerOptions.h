@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <Poco/Util/AbstractConfiguration.h>
+
+#include "VelmoraExport.h"
+
+namespace vlm {
+
+/// Settings of the host's HTTP API server.
+struct VLM_EXPORT HttpApiServerOptions {
+    /// Address to listen on; loopback unless the station opens it on purpose.
+    std::string bindAddress = "127.0.0.1";
+    /// Port to listen on; 0 lets the kernel choose (see HttpApiServer::port()).
+    std::uint16_t port = 0;
+    /// Requests served at the same time. Every open event stream and every
+    /// request waiting for its answer holds one.
+    int workerThreads = 32;
+    /// Accepted connections that may wait for a free worker.
+    int queueSize = 64;
+    /// Largest request body accepted; a larger one is answered 413.
+    std::size_t maxBodyBytes = 1024 * 1024;
+    bool keepAlive = true;
+    std::chrono::seconds keepAliveTimeout{10};
+    /// Bound of every socket read and write while a request is served.
+    std::chrono::seconds socketTimeout{60};
+    /// How long stop() waits for running handlers to return.
+    std::chrono::milliseconds stopTimeout{1000};
+    /// When not empty, every request must carry "Authorization: Bearer <token>".
+    std::string bearerToken;
+
+    /// Reads "http.address", "http.port", "http.threads", "http.queue",
+    /// "http.max_body_bytes", "http.keep_alive" and "http.token"; missing keys
+    /// keep the defaults above. Throws Poco::SyntaxException for a value of the
+    /// wrong type and std::invalid_argument for one out of range.
+    static HttpApiServerOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
+};
+
+} // namespace vlm

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include <Poco/Util/AbstractConfiguration.h>
+
+#include "VelmoraExport.h"
+
+namespace vlm {
+
+/// Settings of the host's MQTT client.
+struct VLM_EXPORT MqttClientOptions {
+    /// Broker address: "host:port" (the configuration's own form), or a URI
+    /// with "tcp://", "mqtt://" (same as tcp), "ssl://" or "mqtts://" (same as
+    /// ssl). A missing port means 1883, or 8883 for TLS.
+    std::string serverUri = "127.0.0.1:1883";
+    /// Credentials; both empty for an anonymous connection.
+    std::string userName;
+    std::string password;
+    /// PEM file with the certificate authorities trusted for "ssl://"; empty
+    /// means the system's default trust store.
+    std::string caFile;
+    /// Client identifier at the broker; empty means a unique one is made up.
+    std::string clientId;
+    /// The station serial number that getstation() reports.
+    std::string stationSerial;
+
+    std::chrono::seconds keepAlive{30};
+    /// Pause before the first retry after a lost or failed connection; doubled
+    /// on every further failure up to reconnectMaxDelay.
+    std::chrono::milliseconds reconnectMinDelay{1000};
+    std::chrono::milliseconds reconnectMaxDelay{30000};
+    /// Bound of one connection attempt.
+    std::chrono::seconds connectTimeout{5};
+    /// Bound of the waits for the broker's acknowledgement of a subscribe,
+    /// unsubscribe or disconnect.
+    std::chrono::milliseconds operationTimeout{5000};
+
+    /// Reads "mqtt.server_uri" (default "127.0.0.1:1883"), "mqtt.user_name",
+    /// "mqtt.pawsswd" (the key is spelt so in every station's configuration),
+    /// "mqtt.ca_file", "mqtt.client_id" and "station.station_sn"; missing keys
+    /// keep the defaults above.
+    static MqttClientOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
+};
+
+/// The URI the Paho library understands for a configured broker address:
+/// "tcp://host:port" or "ssl://host:port". Throws std::invalid_argument naming
+/// the address when it has an unknown scheme, no host or a bad port.
+VLM_EXPORT std::string normalizeMqttServerUri(const std::string& configured);
+
+/// Whether a normalized URI asks for TLS.
+VLM_EXPORT bool isTlsMqttUri(const std::string& normalized);
+
+} // namespace vlm

@@ -1,0 +1,251 @@
+// Subscriptions, delivery and publishing of PahoMqttClient; the link itself is
+// kept in PahoMqttLink.cpp.
+
+#include "mqtt/PahoMqttClientImpl.h"
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+
+#include <unistd.h>
+
+#include "VelmoraCommon.h"
+#include "mqtt/MqttTopicFilter.h"
+
+namespace vlm {
+namespace {
+
+thread_local bool insideDelivery = false;
+
+// Two clients with one identifier would throw each other off the broker, so an
+// identifier nobody configured must be unique per process and per client.
+std::string makeClientId()
+{
+    static std::atomic<unsigned> created{0};
+    std::random_device random;
+    return "velmora-" + std::to_string(::getpid()) + "-" + std::to_string(++created) + "-" +
+           std::to_string(random() % 100000);
+}
+
+} // namespace
+
+PahoMqttClient::Impl::Impl(MqttClientOptions opts)
+    : options(std::move(opts)),
+      uri(normalizeMqttServerUri(options.serverUri)),
+      logger(Poco::Logger::get(logName())),
+      client(uri, options.clientId.empty() ? makeClientId() : options.clientId)
+{
+    connectOptions.set_clean_session(true);
+    connectOptions.set_mqtt_version(MQTTVERSION_3_1_1);
+    connectOptions.set_keep_alive_interval(options.keepAlive);
+    connectOptions.set_connect_timeout(options.connectTimeout);
+    connectOptions.set_automatic_reconnect(false);
+    if (!options.userName.empty()) {
+        connectOptions.set_user_name(options.userName);
+        connectOptions.set_password(options.password);
+    }
+    if (isTlsMqttUri(uri)) {
+        ::mqtt::ssl_options tls;
+        if (!options.caFile.empty())
+            tls.set_trust_store(options.caFile);
+        connectOptions.set_ssl(std::move(tls));
+    }
+    client.set_message_callback([this](::mqtt::const_message_ptr message) { onMessage(message); });
+    client.set_connection_lost_handler([this](const std::string& cause) { onConnectionLost(cause); });
+}
+
+bool PahoMqttClient::Impl::onDeliveryThread()
+{
+    return insideDelivery;
+}
+
+void PahoMqttClient::Impl::onMessage(const ::mqtt::const_message_ptr& message)
+{
+    {
+        std::lock_guard<std::mutex> lock(deliveryMutex);
+        if (closed)
+            return;
+        ++deliveriesStarted;
+    }
+    const std::string& topic = message->get_topic();
+    std::vector<MessageHandler> matching;
+    {
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        for (const auto& subscription : subscriptions)
+            if (mqttTopicMatches(subscription.filter, topic))
+                matching.insert(matching.end(), subscription.handlers.begin(), subscription.handlers.end());
+    }
+    insideDelivery = true;
+    const std::string payload = message->to_string();
+    for (const auto& handler : matching) {
+        try {
+            handler(topic, payload);
+        } catch (const std::exception& e) {
+            logger.error("mqtt handler for topic %s threw: %s", topic, std::string(e.what()));
+        } catch (...) {
+            logger.error("mqtt handler for topic %s threw a non-standard exception", topic);
+        }
+    }
+    insideDelivery = false;
+    {
+        std::lock_guard<std::mutex> lock(deliveryMutex);
+        ++deliveriesFinished;
+    }
+    deliveryFinished.notify_all();
+}
+
+void PahoMqttClient::Impl::subscribeAtBroker(const std::string& filter, int qos, bool wait)
+{
+    try {
+        auto token = client.subscribe(filter, qos);
+        if (wait && !token->wait_for(options.operationTimeout))
+            logger.error("mqtt subscribe %s: no answer from %s in time", filter, uri);
+    } catch (const std::exception& e) {
+        // Kept on record: the next reconnect tries it again.
+        logger.error("mqtt subscribe %s failed: %s", filter, std::string(e.what()));
+    }
+}
+
+void PahoMqttClient::Impl::unsubscribeAtBroker(const std::string& filter, bool wait)
+{
+    try {
+        auto token = client.unsubscribe(filter);
+        if (wait && !token->wait_for(options.operationTimeout))
+            logger.error("mqtt unsubscribe %s: no answer from %s in time", filter, uri);
+    } catch (const std::exception& e) {
+        logger.error("mqtt unsubscribe %s failed: %s", filter, std::string(e.what()));
+    }
+}
+
+void PahoMqttClient::Impl::waitForRunningDelivery()
+{
+    std::unique_lock<std::mutex> lock(deliveryMutex);
+    const std::uint64_t started = deliveriesStarted;
+    if (!deliveryFinished.wait_for(lock, options.operationTimeout, [&] { return deliveriesFinished >= started; }))
+        logger.error("mqtt delivery still running after %d ms", static_cast<int>(options.operationTimeout.count()));
+}
+
+void PahoMqttClient::Impl::closeDelivery()
+{
+    {
+        std::lock_guard<std::mutex> lock(deliveryMutex);
+        closed = true;
+    }
+    if (!onDeliveryThread())
+        waitForRunningDelivery();
+}
+
+PahoMqttClient::PahoMqttClient(MqttClientOptions options) : impl(std::make_unique<Impl>(std::move(options))) {}
+
+PahoMqttClient::~PahoMqttClient()
+{
+    impl->stopKeeping();
+    impl->closeDelivery();
+}
+
+bool PahoMqttClient::connect()
+{
+    impl->startKeeping();
+    return impl->waitForAttemptOutcome();
+}
+
+void PahoMqttClient::disconnect()
+{
+    impl->stopKeeping();
+}
+
+bool PahoMqttClient::waitUntilReady(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(impl->linkMutex);
+    return impl->linkChanged.wait_for(lock, timeout, [&] { return impl->ready; });
+}
+
+std::string PahoMqttClient::serverUri() const
+{
+    return impl->uri;
+}
+
+std::string PahoMqttClient::getstation()
+{
+    return impl->options.stationSerial;
+}
+
+bool PahoMqttClient::isConnected() const
+{
+    return impl->linkUp.load();
+}
+
+bool PahoMqttClient::Subscribe(MessageHandler handler, const std::string& topic, int qos)
+{
+    if (!handler || !isValidMqttTopicFilter(topic) || qos < 0 || qos > 2) {
+        impl->logger.error("mqtt subscribe refused: topic \"%s\", qos %d%s", topic, qos,
+                           std::string(handler ? "" : ", no handler"));
+        return false;
+    }
+    bool newAtBroker = false;
+    {
+        std::lock_guard<std::mutex> lock(impl->subscriptionsMutex);
+        auto& all = impl->subscriptions;
+        auto it = std::find_if(all.begin(), all.end(), [&](const Impl::Subscription& s) { return s.filter == topic; });
+        if (it == all.end()) {
+            all.push_back({topic, qos, {std::move(handler)}});
+            newAtBroker = true;
+        } else {
+            it->handlers.push_back(std::move(handler));
+            newAtBroker = qos > it->qos;
+            it->qos = std::max(it->qos, qos);
+        }
+    }
+    // Read after recording: a keeper that restores subscriptions concurrently
+    // either saw this one or set the link up before this read.
+    if (newAtBroker && impl->linkUp.load())
+        impl->subscribeAtBroker(topic, qos, !Impl::onDeliveryThread());
+    return true;
+}
+
+bool PahoMqttClient::Unsubscribe(const std::string& topic)
+{
+    bool found = false;
+    {
+        std::lock_guard<std::mutex> lock(impl->subscriptionsMutex);
+        auto& all = impl->subscriptions;
+        auto it = std::find_if(all.begin(), all.end(), [&](const Impl::Subscription& s) { return s.filter == topic; });
+        if (it != all.end()) {
+            all.erase(it);
+            found = true;
+        }
+    }
+    if (!found)
+        return false;
+    const bool wait = !Impl::onDeliveryThread();
+    if (impl->linkUp.load())
+        impl->unsubscribeAtBroker(topic, wait);
+    if (wait)
+        impl->waitForRunningDelivery();
+    return true;
+}
+
+bool PahoMqttClient::PublishMessage(const std::string& payload, const std::string& topic, int qos, int retained,
+                                    int waitSeconds)
+{
+    if (!isValidMqttTopicName(topic) || qos < 0 || qos > 2) {
+        impl->logger.error("mqtt publish refused: topic \"%s\", qos %d", topic, qos);
+        return false;
+    }
+    if (!impl->linkUp.load())
+        return false;
+    try {
+        auto token = impl->client.publish(topic, payload.data(), payload.size(), qos, retained != 0);
+        if (waitSeconds > 0 && !Impl::onDeliveryThread() &&
+            !token->wait_for(std::chrono::seconds(waitSeconds))) {
+            impl->logger.error("mqtt publish on %s not completed within %d s", topic, waitSeconds);
+            return false;
+        }
+        return true;
+    } catch (const std::exception& e) {
+        impl->logger.error("mqtt publish on %s failed: %s", topic, std::string(e.what()));
+        return false;
+    }
+}
+
+} // namespace vlm

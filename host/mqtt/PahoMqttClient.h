@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "MqttClient.h"
+#include "VelmoraExport.h"
+#include "mqtt/MqttClientOptions.h"
+
+namespace vlm {
+
+/// The host's MQTT client on the Paho MQTT C++ library.
+///
+/// Link keeping: after connect() a keeper thread owned by this object holds the
+/// link up. When the broker is unreachable, refuses the login or drops the link,
+/// it retries after reconnectMinDelay, doubling the pause up to
+/// reconnectMaxDelay, until disconnect(). Sessions are clean, so after every
+/// (re)connect the keeper subscribes every recorded topic again before it
+/// reports the link ready; a plug-in subscribes once and never sees the gap.
+///
+/// Delivery: each arriving message goes, in subscription order, to every
+/// handler whose topic filter matches it. Handlers run on the library's one
+/// delivery thread, outside every lock of this class, so they may call
+/// Subscribe, Unsubscribe and PublishMessage. An exception from a handler is
+/// logged and the next handler still runs.
+///
+/// Acknowledgements are processed on that same delivery thread, so calls made
+/// from a handler never wait for one: there PublishMessage returns once the
+/// message is handed to the library, and Subscribe/Unsubscribe once the request
+/// is sent.
+///
+/// All public members are safe to call from any thread.
+class VLM_EXPORT PahoMqttClient : public MqttClient {
+public:
+    /// Throws std::invalid_argument when the server address cannot be used.
+    explicit PahoMqttClient(MqttClientOptions options);
+    /// Disconnects; returns within the bounds of disconnect().
+    ~PahoMqttClient() override;
+    PahoMqttClient(const PahoMqttClient&) = delete;
+    PahoMqttClient& operator=(const PahoMqttClient&) = delete;
+
+    /// Starts keeping the link and waits for the outcome of the first attempt
+    /// (at most connectTimeout plus operationTimeout). Returns whether the link
+    /// is ready; when it is not, retrying goes on in the background. Calling it
+    /// again while the link is kept only waits for that outcome again. Not to be
+    /// called from a message handler.
+    bool connect();
+
+    /// Stops keeping the link and closes it. Returns within connectTimeout plus
+    /// operationTimeout even when the broker is gone. Recorded subscriptions
+    /// stay and are restored by a later connect(). Not from a message handler.
+    void disconnect();
+
+    /// Waits until the link is up with every subscription restored, or the
+    /// time-out has passed; returns whether it is.
+    bool waitUntilReady(std::chrono::milliseconds timeout);
+
+    /// The normalized broker URI this client connects to.
+    std::string serverUri() const;
+
+    std::string getstation() override;
+
+    /// Records the handler under the topic filter. When the link is up and the
+    /// filter is new (or asks for a higher QoS), subscribes at the broker and,
+    /// outside a handler, waits for its answer (operationTimeout); a refusal
+    /// is logged and retried on the next reconnect. Returns false, with a log
+    /// line, for an invalid filter, an empty handler or a QoS outside 0..2.
+    bool Subscribe(MessageHandler handler, const std::string& topic, int qos) override;
+
+    /// Removes every handler of exactly this filter and unsubscribes it at the
+    /// broker. Outside a handler, also waits (operationTimeout at most) until a
+    /// delivery that was already running has finished, so no removed handler
+    /// runs after the call returns. Returns false when the filter had none.
+    bool Unsubscribe(const std::string& topic) override;
+
+    /// Publishes with the given QoS and retain flag. When waitSeconds > 0 (and
+    /// not inside a handler) waits up to that long for the broker to complete
+    /// the delivery (QoS 1 or 2) or for the message to be written (QoS 0).
+    /// Returns false, never throws, when the link is down, the topic or QoS is
+    /// invalid, the library refuses the message or the wait runs out.
+    bool PublishMessage(const std::string& payload, const std::string& topic, int qos, int retained,
+                        int waitSeconds) override;
+
+    /// Whether the link to the broker is up right now.
+    bool isConnected() const override;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+} // namespace vlm

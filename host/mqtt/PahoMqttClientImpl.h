@@ -1,0 +1,82 @@
+#pragma once
+
+// Private state of PahoMqttClient, shared by its two source files: link keeping
+// (PahoMqttLink.cpp) and subscriptions, delivery and publishing
+// (PahoMqttClient.cpp).
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Poco/Logger.h>
+#include <mqtt/async_client.h>
+
+#include "mqtt/PahoMqttClient.h"
+
+namespace vlm {
+
+struct PahoMqttClient::Impl {
+    /// One recorded topic filter with its handlers in the order they were added.
+    struct Subscription {
+        std::string filter;
+        int qos = 0;
+        std::vector<MessageHandler> handlers;
+    };
+
+    explicit Impl(MqttClientOptions options);
+
+    // Link keeping, PahoMqttLink.cpp.
+    void startKeeping();
+    bool waitForAttemptOutcome();
+    void stopKeeping();
+    void keepLink();
+    bool attemptConnect(bool quiet);
+    void restoreSubscriptions();
+    void onConnectionLost(const std::string& cause);
+
+    // Subscriptions and delivery, PahoMqttClient.cpp.
+    void onMessage(const mqtt::const_message_ptr& message);
+    void subscribeAtBroker(const std::string& filter, int qos, bool wait);
+    void unsubscribeAtBroker(const std::string& filter, bool wait);
+    void waitForRunningDelivery();
+    void closeDelivery();
+
+    /// Whether the calling thread is the library's delivery thread, inside a
+    /// message handler of any client.
+    static bool onDeliveryThread();
+
+    const MqttClientOptions options;
+    const std::string uri;
+    Poco::Logger& logger;
+    mqtt::connect_options connectOptions;
+    mqtt::async_client client;
+
+    /// Whether the link is up; written by the keeper and the library's
+    /// connection-lost callback, read anywhere.
+    std::atomic<bool> linkUp{false};
+    /// Bumped by every connection loss, so the keeper notices a loss that
+    /// happened between the broker's accept and its own bookkeeping.
+    std::atomic<std::uint64_t> linkLosses{0};
+
+    std::mutex linkMutex;  // guards keeping, ready, attemptsFinished and keeper
+    std::condition_variable linkChanged;
+    bool keeping = false;
+    bool ready = false;  // link up and every subscription restored
+    std::uint64_t attemptsFinished = 0;
+    std::thread keeper;
+
+    std::mutex subscriptionsMutex;  // guards subscriptions
+    std::vector<Subscription> subscriptions;
+
+    std::mutex deliveryMutex;  // guards deliveriesStarted, deliveriesFinished and closed
+    std::condition_variable deliveryFinished;
+    std::uint64_t deliveriesStarted = 0;
+    std::uint64_t deliveriesFinished = 0;
+    bool closed = false;  // set on destruction: later deliveries are dropped
+};
+
+} // namespace vlm
