@@ -1,0 +1,316 @@
+// The Paho-backed MQTT client against a real mosquitto broker started by the
+// test: delivery, publishing, a broker that goes away and comes back, and
+// credentials.
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "mqtt/PahoMqttClient.h"
+#include "support/LogCapture.h"
+#include "support/MosquittoBroker.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vlm::test::MosquittoBroker;
+
+const auto bound = std::chrono::milliseconds(10000);
+
+/// Messages one handler received, with a bounded wait for more.
+class Inbox {
+public:
+    vlm::MqttClient::MessageHandler handler()
+    {
+        return [this](const std::string& topic, const std::string& payload) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                messages.emplace_back(topic, payload);
+            }
+            arrived.notify_all();
+        };
+    }
+
+    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = bound)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, timeout, [&] { return messages.size() >= count; });
+    }
+
+    std::vector<std::pair<std::string, std::string>> all()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return messages;
+    }
+
+    std::size_t size()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return messages.size();
+    }
+
+private:
+    std::mutex mutex;  // guards messages
+    std::condition_variable arrived;
+    std::vector<std::pair<std::string, std::string>> messages;
+};
+
+/// Polls a condition that no callback announces, bounded in time.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = bound)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+vlm::MqttClientOptions optionsFor(const MosquittoBroker& broker)
+{
+    vlm::MqttClientOptions options;
+    options.serverUri = broker.hostPort();
+    options.stationSerial = "SN-TEST-1";
+    options.reconnectMinDelay = 50ms;
+    options.reconnectMaxDelay = 400ms;
+    return options;
+}
+
+/// Connects the clients at the same time. The library serves every client of
+/// the process from one network thread that notices a new connection only
+/// after its poll of the other, idle sockets times out (about a second, twice
+/// per connect); connects started together share one poll and are quick.
+bool connectTogether(std::initializer_list<vlm::PahoMqttClient*> clients)
+{
+    std::vector<std::future<bool>> attempts;
+    for (auto* client : clients)
+        attempts.push_back(std::async(std::launch::async, [client] { return client->connect(); }));
+    bool all = true;
+    for (auto& attempt : attempts)
+        all = attempt.get() && all;
+    return all;
+}
+
+class MqttClientTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        broker.start();
+        station = std::make_unique<vlm::PahoMqttClient>(optionsFor(broker));
+        peer = std::make_unique<vlm::PahoMqttClient>(optionsFor(broker));
+        ASSERT_TRUE(connectTogether({station.get(), peer.get()})) << broker.output();
+    }
+
+    MosquittoBroker broker;
+    std::unique_ptr<vlm::PahoMqttClient> station;
+    std::unique_ptr<vlm::PahoMqttClient> peer;
+};
+
+TEST_F(MqttClientTest, DeliversEachMessageOnlyToTheHandlersWhoseFilterMatches)
+{
+    Inbox commands;
+    Inbox everything;
+    ASSERT_TRUE(station->Subscribe(commands.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(everything.handler(), "/msg/#", 0));
+
+    ASSERT_TRUE(peer->PublishMessage("{\"api\":\"getConfig\"}", "/velmora/pilot/G1/SN-TEST-1/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("out", "/msg/pilot/P1/out", 1, 0, 2));
+    ASSERT_TRUE(everything.waitForCount(1));
+    ASSERT_TRUE(commands.waitForCount(1));
+
+    const auto got = commands.all();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].first, "/velmora/pilot/G1/SN-TEST-1/cmd");
+    EXPECT_EQ(got[0].second, "{\"api\":\"getConfig\"}");
+    EXPECT_EQ(everything.all(), (std::vector<std::pair<std::string, std::string>>{{"/msg/pilot/P1/out", "out"}}));
+    EXPECT_EQ(station->getstation(), "SN-TEST-1");
+}
+
+TEST_F(MqttClientTest, TwoHandlersOnOneTopicEachGetEveryMessageExactlyOnce)
+{
+    Inbox first;
+    Inbox second;
+    Inbox sentinel;
+    ASSERT_TRUE(station->Subscribe(first.handler(), "/SN/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(second.handler(), "/SN/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(sentinel.handler(), "/SN/sentinel", 0));
+
+    ASSERT_TRUE(peer->PublishMessage("one", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("two", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("end", "/SN/sentinel", 1, 0, 2));
+    ASSERT_TRUE(sentinel.waitForCount(1));
+    ASSERT_TRUE(first.waitForCount(2));
+    ASSERT_TRUE(second.waitForCount(2));
+    EXPECT_EQ(first.size(), 2u);
+    EXPECT_EQ(second.size(), 2u);
+}
+
+TEST_F(MqttClientTest, PublishesPayloadsByteForByteWithTheRequestedRetainFlag)
+{
+    const std::string binary("a\0b\xff", 4);
+    ASSERT_TRUE(peer->PublishMessage(binary, "/station/retained", 2, 1, 2));
+
+    // Subscribing after the publication still gets the retained message.
+    Inbox inbox;
+    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/station/retained", 1));
+    ASSERT_TRUE(inbox.waitForCount(1));
+    EXPECT_EQ(inbox.all()[0].second, binary);
+}
+
+TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgement)
+{
+    // The plug-in answers a command from within the command's handler with a
+    // QoS 2 publish that asks to wait a second; the acknowledgement can only be
+    // processed once the handler has returned.
+    std::promise<bool> publishResult;
+    ASSERT_TRUE(station->Subscribe(
+        [&](const std::string&, const std::string& payload) {
+            publishResult.set_value(station->PublishMessage("answer to " + payload, "/ground/answer", 2, 0, 1));
+        },
+        "/station/cmd", 0));
+    Inbox answers;
+    ASSERT_TRUE(peer->Subscribe(answers.handler(), "/ground/answer", 2));
+
+    ASSERT_TRUE(peer->PublishMessage("ping", "/station/cmd", 0, 0, 0));
+    auto result = publishResult.get_future();
+    ASSERT_EQ(result.wait_for(bound), std::future_status::ready);
+    EXPECT_TRUE(result.get());
+    ASSERT_TRUE(answers.waitForCount(1));
+    EXPECT_EQ(answers.all()[0].second, "answer to ping");
+}
+
+TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
+{
+    Inbox removedA;
+    Inbox removedB;
+    Inbox kept;
+    ASSERT_TRUE(station->Subscribe(removedA.handler(), "/SN/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(removedB.handler(), "/SN/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(kept.handler(), "/SN/telemetry", 0));
+
+    EXPECT_TRUE(station->Unsubscribe("/SN/cmd"));
+    EXPECT_FALSE(station->Unsubscribe("/SN/cmd"));
+    EXPECT_FALSE(station->Unsubscribe("/SN/never"));
+
+    ASSERT_TRUE(peer->PublishMessage("dropped", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("kept", "/SN/telemetry", 1, 0, 2));
+    ASSERT_TRUE(kept.waitForCount(1));
+    EXPECT_EQ(removedA.size(), 0u);
+    EXPECT_EQ(removedB.size(), 0u);
+}
+
+TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
+{
+    vlm::test::LogCapture log;
+    Inbox after;
+    ASSERT_TRUE(station->Subscribe([](const std::string&, const std::string&) { throw std::runtime_error("bad json"); },
+                                   "/SN/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(after.handler(), "/SN/cmd", 0));
+    ASSERT_TRUE(peer->PublishMessage("x", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("y", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(after.waitForCount(2));
+    EXPECT_TRUE(log.contains("bad json"));
+}
+
+TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
+{
+    Inbox inbox;
+    EXPECT_FALSE(station->Subscribe(inbox.handler(), "a/#/b", 0));
+    EXPECT_FALSE(station->Subscribe(inbox.handler(), "", 0));
+    EXPECT_FALSE(station->Subscribe(inbox.handler(), "a", 3));
+    EXPECT_FALSE(station->Subscribe(nullptr, "a", 0));
+    EXPECT_FALSE(station->PublishMessage("x", "a/+", 0, 0, 0));
+    EXPECT_FALSE(station->PublishMessage("x", "a", -1, 0, 0));
+    EXPECT_TRUE(station->isConnected());
+}
+
+TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsReturnWithIt)
+{
+    Inbox inbox;
+    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
+    ASSERT_TRUE(peer->PublishMessage("before", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(inbox.waitForCount(1));
+
+    broker.stop();
+    ASSERT_TRUE(eventually([&] { return !station->isConnected() && !peer->isConnected(); }));
+    EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 2, 0, 1));
+    EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 0, 0, 0));
+
+    // Same port, fresh broker that knows no subscription: both clients come
+    // back and the station's subscription is restored without any call.
+    broker.start();
+    ASSERT_TRUE(station->waitUntilReady(bound));
+    ASSERT_TRUE(peer->waitUntilReady(bound));
+    ASSERT_TRUE(peer->PublishMessage("after", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(inbox.waitForCount(2));
+    EXPECT_EQ(inbox.all()[1].second, "after");
+}
+
+TEST_F(MqttClientTest, DisconnectAndDestructionReturnWhileTheBrokerIsAway)
+{
+    broker.stop();
+    auto done = std::async(std::launch::async, [&] { station.reset(); });
+    ASSERT_EQ(done.wait_for(bound), std::future_status::ready);
+}
+
+TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater)
+{
+    MosquittoBroker broker;
+    vlm::PahoMqttClient station(optionsFor(broker));
+    Inbox inbox;
+    ASSERT_TRUE(station.Subscribe(inbox.handler(), "/SN/cmd", 0));
+    EXPECT_FALSE(station.PublishMessage("x", "/SN/cmd", 0, 0, 0));
+
+    auto attempt = std::async(std::launch::async, [&] { return station.connect(); });
+    ASSERT_EQ(attempt.wait_for(bound), std::future_status::ready);
+    EXPECT_FALSE(attempt.get());
+    EXPECT_FALSE(station.isConnected());
+
+    broker.start();
+    ASSERT_TRUE(station.waitUntilReady(bound));
+    vlm::PahoMqttClient peer(optionsFor(broker));
+    ASSERT_TRUE(peer.connect());
+    ASSERT_TRUE(peer.PublishMessage("late", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(inbox.waitForCount(1));
+}
+
+TEST(MqttClientCredentials, TheBrokerLetsInTheRightUserAndRefusesOthers)
+{
+    MosquittoBroker broker({"hangarInside", "tepid@brkr"});
+    broker.start();
+    auto options = optionsFor(broker);
+
+    vlm::test::LogCapture log;
+    options.userName = "hangarInside";
+    options.password = "tepid@brkr";
+    vlm::PahoMqttClient right(options);
+    options.password = "tepid919";
+    vlm::PahoMqttClient wrong(options);
+    options.userName.clear();
+    options.password.clear();
+    vlm::PahoMqttClient anonymous(options);
+
+    auto rightUp = std::async(std::launch::async, [&] { return right.connect(); });
+    auto wrongUp = std::async(std::launch::async, [&] { return wrong.connect(); });
+    auto anonymousUp = std::async(std::launch::async, [&] { return anonymous.connect(); });
+    EXPECT_TRUE(rightUp.get()) << broker.output();
+    EXPECT_FALSE(wrongUp.get());
+    EXPECT_FALSE(anonymousUp.get());
+
+    EXPECT_TRUE(right.isConnected());
+    EXPECT_FALSE(wrong.isConnected());
+    EXPECT_FALSE(wrong.PublishMessage("x", "/a", 0, 0, 0));
+    EXPECT_TRUE(log.contains("mqtt connect to tcp://" + broker.hostPort() + " failed"));
+}
+
+} // namespace
