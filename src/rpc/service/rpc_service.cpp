@@ -51,7 +51,7 @@ public:
 
     engine() : acceptor_(io_) {}
 
-    unsigned short start(unsigned short port);
+    unsigned short start(const asio::ip::address& address, unsigned short port);
     void stop();
 
     /// Runs `task` on the I/O thread and returns its result; inline when
@@ -72,8 +72,12 @@ public:
     std::shared_ptr<service_connection> find(std::uint64_t id) const;
     void close_all();
 
+    asio::io_context::executor_type executor() { return io_.get_executor(); }
+
     service_records records;
     std::atomic<unsigned short> port{0};
+    std::atomic<std::size_t> drop_after{0};  ///< frames a connection may send before it is cut; 0: never
+    connection_observer observer;             ///< set before start, then only read on the I/O thread
 
 private:
     void accept_next();
@@ -81,6 +85,8 @@ private:
     void on_closed(std::uint64_t connection);
     void answer(std::uint64_t connection, const frame_header& request, std::string_view body);
     void send_answer(std::uint64_t connection, const frame_header& request, const std::string& body, bool twice);
+    void open_acceptor();
+    void tell(connection_event event, std::uint64_t connection, const std::string& topic = std::string());
 
     asio::io_context io_;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_;
@@ -90,6 +96,8 @@ private:
     asio::ip::tcp::acceptor acceptor_;                                          ///< I/O thread only
     std::map<std::uint64_t, std::shared_ptr<service_connection>> connections_;  ///< I/O thread only
     std::map<std::uint64_t, std::set<std::string>> subscribed_;                 ///< I/O thread only
+    std::map<std::uint64_t, std::size_t> frames_seen_;                          ///< I/O thread only
+    asio::ip::address address_ = asio::ip::address_v4::loopback();              ///< fixed by start
     std::list<std::shared_ptr<asio::steady_timer>> delayed_;                    ///< I/O thread only
     std::uint64_t next_id_ = 0;                                                 ///< I/O thread only
 
@@ -110,13 +118,20 @@ R rpc_service::engine::on_io(std::function<R()> task)
     return result.get();
 }
 
-unsigned short rpc_service::engine::start(unsigned short wanted)
+void rpc_service::engine::open_acceptor()
 {
-    port.store(wanted);
-    acceptor_.open(asio::ip::tcp::v4());
+    const asio::ip::tcp::endpoint endpoint(address_, port.load());
+    acceptor_.open(endpoint.protocol());
     acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true));
-    acceptor_.bind(asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), wanted));
+    acceptor_.bind(endpoint);
     acceptor_.listen();
+}
+
+unsigned short rpc_service::engine::start(const asio::ip::address& address, unsigned short wanted)
+{
+    address_ = address;
+    port.store(wanted);
+    open_acceptor();
     port.store(acceptor_.local_endpoint().port());
     accept_next();
     work_.emplace(asio::make_work_guard(io_));
@@ -158,10 +173,7 @@ void rpc_service::engine::listen()
 {
     if (acceptor_.is_open())
         return;
-    acceptor_.open(asio::ip::tcp::v4());
-    acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true));
-    acceptor_.bind(asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), port.load()));
-    acceptor_.listen();
+    open_acceptor();
     accept_next();
 }
 
@@ -185,6 +197,7 @@ void rpc_service::engine::accept_next()
             [this](std::uint64_t from) { on_closed(from); });
         connections_.emplace(id, connection);
         records.connection_opened(id);
+        tell(connection_event::opened, id);
         connection->start();
         accept_next();
     });
@@ -206,7 +219,20 @@ void rpc_service::engine::on_closed(std::uint64_t connection)
 {
     connections_.erase(connection);
     subscribed_.erase(connection);
+    frames_seen_.erase(connection);
     records.connection_closed(connection);
+    tell(connection_event::closed, connection);
+}
+
+void rpc_service::engine::tell(connection_event event, std::uint64_t connection, const std::string& topic)
+{
+    if (!observer)
+        return;
+    try {
+        observer(event, connection, topic);
+    } catch (const std::exception& e) {
+        std::cerr << "rpc service: connection observer failed: " << e.what() << '\n';
+    }
 }
 
 void rpc_service::engine::on_frame(std::uint64_t connection, const frame_view& frame)
@@ -214,11 +240,20 @@ void rpc_service::engine::on_frame(std::uint64_t connection, const frame_view& f
     records.add_frame(received_frame{connection, frame.header.frame_type, frame.header.req_id,
                                      frame.header.func_id, std::string(frame.body), describe_body(frame.body)});
 
+    const std::size_t seen = ++frames_seen_[connection];
+    const std::size_t limit = drop_after.load();
+    if (limit != 0 && seen > limit) {
+        if (const auto target = find(connection))
+            target->close();
+        return;
+    }
+
     if (frame.header.frame_type == topic_frame) {
         try {
             const auto [topic] = unpack_body<std::string>(frame.body);
             subscribed_[connection].insert(topic);
             records.add_subscription(connection, topic);
+            tell(connection_event::subscribed, connection, topic);
         } catch (const std::exception& e) {
             std::cerr << "rpc service: bad subscription from connection " << connection << ": " << e.what()
                       << '\n';
@@ -313,7 +348,15 @@ void rpc_service::bind(const std::string& name, service_handler handler)
     engine_->configure(name, [&](engine::procedure& p) { p.handler = std::move(handler); });
 }
 
-unsigned short rpc_service::start(unsigned short port) { return engine_->start(port); }
+unsigned short rpc_service::start(unsigned short port)
+{
+    return engine_->start(asio::ip::address_v4::loopback(), port);
+}
+
+unsigned short rpc_service::start(const std::string& address, unsigned short port)
+{
+    return engine_->start(asio::ip::make_address(address), port);
+}
 unsigned short rpc_service::port() const { return engine_->port.load(); }
 void rpc_service::stop() { engine_->stop(); }
 
@@ -330,6 +373,23 @@ void rpc_service::withhold_answers(const std::string& name, bool withhold)
 void rpc_service::answer_twice(const std::string& name, bool twice)
 {
     engine_->configure(name, [&](engine::procedure& p) { p.twice = twice; });
+}
+
+void rpc_service::drop_after_frames(std::size_t count) { engine_->drop_after.store(count); }
+
+void rpc_service::set_connection_observer(connection_observer observer)
+{
+    engine_->observer = std::move(observer);
+}
+
+asio::io_context::executor_type rpc_service::executor() { return engine_->executor(); }
+
+void rpc_service::execute(const std::function<void()>& task)
+{
+    engine_->on_io<bool>([&] {
+        task();
+        return true;
+    });
 }
 
 std::size_t rpc_service::publish(const std::string& topic, const std::string& data, int code)

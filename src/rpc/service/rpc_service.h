@@ -6,9 +6,11 @@
 // connection, pushes publications to subscribers, and misbehaves on request.
 //
 // Threads: the service runs its own I/O thread. Handlers run on it, one at a
-// time. Every public member may be called from any other thread; the members
-// that act on connections (publish, send_*, close_*, *_listening) may also be
-// called from inside a handler. Waits use the given time-out and never hang.
+// time, together with whatever is scheduled on `executor()`. Every public
+// member may be called from any other thread; the members that act on
+// connections (publish, send_*, close_*, *_listening, execute) may also be
+// called from inside a handler or such a task. Waits use the given time-out
+// and never hang.
 
 #include <chrono>
 #include <condition_variable>
@@ -21,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <asio/io_context.hpp>
 #include <msgpack.hpp>
 
 #include "rpc/frame.h"
@@ -38,6 +41,18 @@ struct received_frame {
     std::string decoded;  ///< the body as MessagePack text, e.g. ["heartBeat", ""]; empty for no body;
                           ///< "<undecodable>" when it does not decode
 };
+
+/// What happened on a connection, as told to a `connection_observer`.
+enum class connection_event {
+    opened,      ///< accepted
+    closed,      ///< gone, for whatever reason
+    subscribed,  ///< sent a subscription; `topic` names it (repeats are told again)
+};
+
+/// Told about connections on the service's I/O thread; must not block it.
+/// `topic` is empty except for `subscribed`.
+using connection_observer =
+    std::function<void(connection_event event, std::uint64_t connection, const std::string& topic)>;
 
 /// Answers a call; `args` is the decoded argument array (valid during the call).
 /// A std::exception escaping it is answered as failure code 1 with its text.
@@ -61,6 +76,10 @@ public:
     /// Listens on 127.0.0.1:`port` (0 picks a free port) and returns the port.
     /// Throws std::system_error when the port cannot be bound.
     unsigned short start(unsigned short port = 0);
+    /// Listens on `address`:`port` instead; `address` is a numeric IPv4 or
+    /// IPv6 address. Throws std::system_error when it does not parse or the
+    /// port cannot be bound.
+    unsigned short start(const std::string& address, unsigned short port);
     unsigned short port() const;
     /// Closes the listener and every connection and ends the I/O thread.
     /// Idempotent; pending delayed answers are dropped.
@@ -73,6 +92,23 @@ public:
     void withhold_answers(const std::string& name, bool withhold = true);
     /// Send every answer to `name` twice.
     void answer_twice(const std::string& name, bool twice = true);
+    /// Cut every connection once it has sent `count` frames (heartbeats and
+    /// subscriptions included, counted from its accept): the next frame it
+    /// sends is recorded but not handled, and the connection is closed.
+    /// Applies to open connections too; 0 (the default) turns it off.
+    void drop_after_frames(std::size_t count);
+
+    /// Installs the observer of connection events. Call before `start`.
+    void set_connection_observer(connection_observer observer);
+
+    /// The executor of the I/O thread, for timers and tasks that belong beside
+    /// the handlers (they then need no lock to share state with them). Work on
+    /// it stops running at `stop`.
+    asio::io_context::executor_type executor();
+    /// Runs `task` on the I/O thread and waits for it; runs it inline when
+    /// called there. Does nothing once the service has stopped. A
+    /// std::exception escaping `task` is rethrown to the caller.
+    void execute(const std::function<void()>& task);
 
     // Pushing. `connection` 0 means every open connection.
     /// Sends the publication [code, topic, data] to every connection that
