@@ -197,6 +197,9 @@ void client_core::on_connect(const std::error_code& ec, std::uint64_t socket_gen
 
     if (!ec) {
         connected_.store(true);
+        // Frames are small and a caller usually waits for the answer.
+        std::error_code ignored;
+        socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
         start_read();
         for (const auto& [topic, token] : subscriptions_.replay_list())
             send_subscribe(topic, token);

@@ -43,7 +43,9 @@
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
+#include <asio/buffer.hpp>
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
@@ -65,6 +67,7 @@ struct outgoing_message {
     std::uint8_t frame_type = call_frame;
     msgpack::sbuffer body{0};
     std::uint32_t func_id = 0;
+    header_bytes header{};  ///< filled when the frame is handed to the socket
 };
 
 class client_core {
@@ -122,7 +125,8 @@ private:
     // Sending: `write` from any thread, the rest on the I/O thread.
     void write(outgoing_message message);
     void write_front();
-    void on_write(const std::error_code& ec, std::uint64_t outbox_generation);
+    void on_write(const std::error_code& ec, std::uint64_t outbox_generation, std::size_t frames);
+    std::uint32_t cached_function_id(std::string_view name);
     void send_subscribe(const std::string& topic, const std::string& token);
 
     // Receiving (I/O thread).
@@ -165,8 +169,11 @@ private:
     std::deque<outgoing_message> outbox_;
     bool write_in_flight_ = false;
     std::uint64_t outbox_generation_ = 0;  ///< bumped when close() empties the outbox
-    std::uint32_t write_size_ = 0;         ///< I/O thread only
-    header_bytes send_header_{};           ///< I/O thread only
+    std::uint32_t write_size_ = 0;         ///< I/O thread only; body bytes of the write under way
+    std::vector<asio::const_buffer> write_buffers_;  ///< I/O thread only
+
+    std::mutex id_cache_mutex_;  ///< guards id_cache_
+    std::unordered_map<std::string, std::uint32_t> id_cache_;
 
     mutable std::mutex error_mutex_;  ///< guards error_callback_
     std::function<void(std::error_code)> error_callback_;

@@ -1,7 +1,7 @@
 #include "rpc/client_core.h"
 
 #include <array>
-#include <iostream>
+#include <algorithm>
 
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
@@ -30,47 +30,67 @@ void client_core::write(outgoing_message message)
         asio::post(io_, [this] { write_front(); });
 }
 
+namespace {
+
+// Frames handed to one gathered write. Asio sends at most 64 buffers per
+// system call, two per frame.
+constexpr std::size_t frames_per_write = 32;
+
+// Names are few (one per procedure and topic); the bound only keeps a caller
+// that invents names from growing the cache without limit.
+constexpr std::size_t id_cache_limit = 1024;
+
+}  // namespace
+
 void client_core::write_front()
 {
-    const char* body = nullptr;
-    frame_header header;
     std::uint64_t generation = 0;
+    std::size_t frames = 0;
+    std::uint32_t body_bytes = 0;
+    write_buffers_.clear();
     {
         std::lock_guard<std::mutex> lock(write_mutex_);
         if (write_in_flight_ || outbox_.empty())
             return;
-        const outgoing_message& front = outbox_.front();
-        body = front.body.data();
-        header.frame_type = front.frame_type;
-        header.body_len = static_cast<std::uint32_t>(front.body.size());
-        header.req_id = front.req_id;
-        header.func_id = front.func_id;
+        // One write in flight, frames in queue order: what is queued now
+        // leaves together, the rest after this write completes.
+        for (auto it = outbox_.begin(); it != outbox_.end() && frames < frames_per_write; ++it, ++frames) {
+            frame_header header;
+            header.frame_type = it->frame_type;
+            header.body_len = static_cast<std::uint32_t>(it->body.size());
+            header.req_id = it->req_id;
+            header.func_id = it->func_id;
+            it->header = encode_header(header);
+            write_buffers_.push_back(asio::buffer(it->header));
+            if (header.body_len != 0)
+                write_buffers_.push_back(asio::buffer(it->body.data(), header.body_len));
+            body_bytes += header.body_len;
+        }
         generation = outbox_generation_;
         write_in_flight_ = true;
     }
-    // `body` stays valid: the message leaves the outbox only in on_write or in
-    // close(), which closes the socket (ending this write) before dropping it.
-    write_size_ = header.body_len;
-    send_header_ = encode_header(header);
-    const std::array<asio::const_buffer, 2> buffers{asio::buffer(send_header_), asio::buffer(body, write_size_)};
-    asio::async_write(socket_, buffers, [this, generation](const std::error_code& ec, std::size_t) {
-        on_write(ec, generation);
+    // The buffers stay valid: messages leave the outbox only in on_write or
+    // in close(), which closes the socket (ending this write) before dropping them.
+    write_size_ = body_bytes;
+    asio::async_write(socket_, write_buffers_, [this, generation, frames](const std::error_code& ec, std::size_t) {
+        on_write(ec, generation, frames);
     });
 }
 
-void client_core::on_write(const std::error_code& ec, std::uint64_t outbox_generation)
+void client_core::on_write(const std::error_code& ec, std::uint64_t outbox_generation, std::size_t frames)
 {
     bool more = false;
     {
         std::lock_guard<std::mutex> lock(write_mutex_);
         write_in_flight_ = false;
         if (!ec) {
-            // A close() while this frame was on the wire already dropped it.
-            if (outbox_generation == outbox_generation_ && !outbox_.empty())
-                outbox_.pop_front();
+            // A close() while these frames were on the wire already dropped them.
+            if (outbox_generation == outbox_generation_)
+                outbox_.erase(outbox_.begin(),
+                              outbox_.begin() + static_cast<std::ptrdiff_t>(std::min(frames, outbox_.size())));
             more = !outbox_.empty();
         }
-        // On error the front frame stays where it is and nothing else is
+        // On error the failed frames stay at the head and nothing else is
         // started: the outbox is held until a close() that finds the link
         // connected empties it.
     }
@@ -85,9 +105,25 @@ void client_core::on_write(const std::error_code& ec, std::uint64_t outbox_gener
     }
 }
 
+std::uint32_t client_core::cached_function_id(std::string_view name)
+{
+    std::string key(name);
+    {
+        std::lock_guard<std::mutex> lock(id_cache_mutex_);
+        const auto it = id_cache_.find(key);
+        if (it != id_cache_.end())
+            return it->second;
+    }
+    const std::uint32_t id = function_id(name);
+    std::lock_guard<std::mutex> lock(id_cache_mutex_);
+    if (id_cache_.size() < id_cache_limit)
+        id_cache_.emplace(std::move(key), id);
+    return id;
+}
+
 void client_core::send_subscribe(const std::string& topic, const std::string& token)
 {
-    write(outgoing_message{0, topic_frame, pack_args(topic, token), function_id(topic)});
+    write(outgoing_message{0, topic_frame, pack_args(topic, token), cached_function_id(topic)});
 }
 
 std::uint64_t client_core::send_future_call(std::string_view rpc_name, msgpack::sbuffer body,
@@ -101,7 +137,7 @@ std::uint64_t client_core::send_future_call(std::string_view rpc_name, msgpack::
         id = ++future_id_;
         future_map_.emplace(id, std::move(promise));
     }
-    write(outgoing_message{id, call_frame, std::move(body), function_id(rpc_name)});
+    write(outgoing_message{id, call_frame, std::move(body), cached_function_id(rpc_name)});
     return id;
 }
 
@@ -123,7 +159,7 @@ void client_core::send_callback_call(std::string_view rpc_name, std::size_t time
         id = callback_id_;
         callback_map_.emplace(id, std::move(call));
     }
-    write(outgoing_message{id, call_frame, std::move(body), function_id(rpc_name)});
+    write(outgoing_message{id, call_frame, std::move(body), cached_function_id(rpc_name)});
 }
 
 void client_core::subscribe(const std::string& topic, topic_handler handler)
