@@ -1,0 +1,150 @@
+#include <future>
+#include <regex>
+#include <thread>
+
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+
+#include "FrontsFixture.h"
+#include "host/HttpTestClient.h"
+
+namespace {
+
+// Reads an event stream line by line as a browser's EventSource would.
+class StreamReader {
+public:
+    StreamReader(uint16_t port, const std::string& api) : session("127.0.0.1", port)
+    {
+        session.setTimeout(Poco::Timespan(5, 0));
+        Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, "/index/api/pilot/" + api,
+                                       Poco::Net::HTTPMessage::HTTP_1_1);
+        session.sendRequest(request);
+        in = &session.receiveResponse(response);
+    }
+
+    /// Next line without its line feed; empty optional at the end of the stream.
+    std::optional<std::string> line()
+    {
+        std::string text;
+        if (!std::getline(*in, text))
+            return std::nullopt;
+        return text;
+    }
+
+    /// Lines up to and including the one that matches, bounded in count.
+    std::vector<std::string> until(const std::function<bool(const std::string&)>& match, int maxLines = 400)
+    {
+        std::vector<std::string> lines;
+        for (int i = 0; i < maxLines; ++i) {
+            auto next = line();
+            if (!next)
+                break;
+            lines.push_back(*next);
+            if (match(*next))
+                break;
+        }
+        return lines;
+    }
+
+    void drop() { session.abort(); }
+
+    Poco::Net::HTTPClientSession session;
+    Poco::Net::HTTPResponse response;
+    std::istream* in = nullptr;
+};
+
+class EventStream : public vlm::test::FrontsFixture {};
+
+TEST_F(EventStream, WithoutAVehicleTheAnswerIsOneError)
+{
+    const auto answer = vlm::test::get("/index/api/pilot/pushTelemetry").sendTo(server->port());
+    auto json = answer.json();
+    ASSERT_TRUE(json) << answer.body;
+    EXPECT_EQ(json->getValue<std::string>("api"), "pushTelemetry");
+    EXPECT_EQ(json->getValue<std::string>("from"), "station-1");
+    EXPECT_EQ(json->getObject("message")->getValue<int>("code"), 4001);
+}
+
+TEST_F(EventStream, BlocksCarryRisingIdsAndPendingDataOnce)
+{
+    vehicleConnected(true);
+    StreamReader stream(server->port(), "pushTelemetry");
+    EXPECT_EQ(stream.response.getContentType(), "text/event-stream");
+    EXPECT_EQ(stream.response.get("Cache-Control"), "no-cache");
+
+    auto head = stream.until([](const std::string& l) { return l == "retry: 10000"; });
+    ASSERT_EQ(head.size(), 3u);
+    EXPECT_EQ(head[0], "id: 1");
+    EXPECT_EQ(head[1], "event: pushTelemetry");
+
+    service.service.publish("pushTelemetry", R"({"alt":42})");
+    auto lines = stream.until([](const std::string& l) { return l.rfind("data: ", 0) == 0; });
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), R"(data: {"alt":42})");
+
+    // Ids keep rising; the same data never comes twice.
+    std::vector<int> ids;
+    int dataLines = 0;
+    for (const auto& l : stream.until([&](const std::string& l) { return l == "id: 30"; })) {
+        if (l.rfind("id: ", 0) == 0)
+            ids.push_back(std::stoi(l.substr(4)));
+        dataLines += l.rfind("data: ", 0) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(dataLines, 0);
+    ASSERT_GE(ids.size(), 2u);
+    for (size_t i = 1; i < ids.size(); ++i)
+        EXPECT_EQ(ids[i], ids[i - 1] + 1);
+}
+
+TEST_F(EventStream, TwoStreamsShareOnePendingText)
+{
+    vehicleConnected(true);
+    StreamReader first(server->port(), "pushTelemetry");
+    StreamReader second(server->port(), "pushTelemetry");
+    first.until([](const std::string& l) { return l == "retry: 10000"; });
+    second.until([](const std::string& l) { return l == "retry: 10000"; });
+    service.service.publish("pushTelemetry", R"({"only":"once"})");
+
+    auto countData = [](StreamReader& s) {
+        int n = 0;
+        for (const auto& l : s.until([](const std::string& l) { return l == "id: 25"; }))
+            n += l == R"(data: {"only":"once"})" ? 1 : 0;
+        return n;
+    };
+    auto a = std::async(std::launch::async, [&] { return countData(first); });
+    auto b = std::async(std::launch::async, [&] { return countData(second); });
+    EXPECT_EQ(a.get() + b.get(), 1);
+}
+
+TEST_F(EventStream, AVehicleDisconnectEndsTheStreamWithTheCloseSequence)
+{
+    vehicleConnected(true);
+    StreamReader stream(server->port(), "updateProgress");
+    stream.until([](const std::string& l) { return l == "retry: 10000"; });
+    service.service.publish("pilotConnectState", "false");
+    auto lines = stream.until([](const std::string&) { return false; });
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[lines.size() - 2], "data: Connection closed");
+    EXPECT_EQ(lines[lines.size() - 3], "event: disconnect");
+    const std::string error =
+        R"(data: {"code":4001,"id":"UAV-1","msg":"The vehicle not connected","type":"response"})";
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), error), 1);
+}
+
+TEST_F(EventStream, AClientThatGoesAwayFreesItsThread)
+{
+    vehicleConnected(true);
+    {
+        StreamReader stream(server->port(), "pushTelemetry");
+        stream.until([](const std::string& l) { return l == "retry: 10000"; });
+        EXPECT_EQ(server->runningHandlers(), 1);
+        stream.drop();
+    }
+    // The handler notices the failed write on one of its next ticks.
+    for (int i = 0; i < 300 && server->runningHandlers() > 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(server->runningHandlers(), 0);
+}
+
+} // namespace

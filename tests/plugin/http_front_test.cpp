@@ -1,0 +1,119 @@
+#include <thread>
+
+#include "FrontsFixture.h"
+#include "host/HttpTestClient.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+using vlm::test::HttpAnswer;
+using vlm::test::LogCapture;
+using vlm::test::post;
+using vlm::test::ScriptedService;
+
+class HttpFront : public vlm::test::FrontsFixture {
+protected:
+    HttpAnswer call(const std::string& api, const std::string& body = R"({"type":"request","from":"app"})")
+    {
+        return post("/index/api/pilot/" + api, body).sendTo(server->port());
+    }
+};
+
+TEST_F(HttpFront, ForwardsARequestAndAnswersWithTheServiceText)
+{
+    const auto answer = call("getConfig", R"({"type":"request","from":"app","target":"station-1","msgId":"9"})");
+    EXPECT_EQ(answer.status, 200);
+    auto forwarded = service.callsOf("telementry");
+    ASSERT_EQ(forwarded.size(), 1u);
+    EXPECT_EQ(forwarded[0].args[1], "getConfig");
+    EXPECT_EQ(answer.body, ScriptedService::standardAnswer(forwarded[0].args));
+}
+
+TEST_F(HttpFront, VehicleCheckRefusesFlightCommandsUntilTheVehicleIsThere)
+{
+    auto answer = call("pushRoute");
+    EXPECT_EQ(answer.body, R"({"code":4001,"id":"UAV-1","msg":"The vehicle not connected","type":"response"})");
+    EXPECT_TRUE(service.callsOf("flightControl").empty());
+
+    vehicleConnected(true);
+    answer = call("pushRoute");
+    ASSERT_EQ(service.callsOf("flightControl").size(), 1u);
+    EXPECT_EQ(answer.json()->getValue<std::string>("api"), "pushRoute");
+}
+
+TEST_F(HttpFront, RouteResultComesFromTheCacheOnceThenFromTheService)
+{
+    vehicleConnected(true);
+    service.service.publish("syncRoute", R"({"result":"route stored"})");
+    for (int i = 0; i < 200; ++i) {
+        std::lock_guard<std::mutex> lock(state().cacheMutex);
+        if (!state().lastRoute.empty())
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // bounded wait for the event
+    }
+    LogCapture log;
+    EXPECT_EQ(call("getSyncRouteResult").body, R"({"result":"route stored"})");
+    EXPECT_TRUE(service.callsOf("flightControl").empty());
+    EXPECT_EQ(log.infos(R"(return route operator result: {"result":"route stored"})"), 1);
+
+    const auto second = call("getSyncRouteResult");
+    ASSERT_EQ(service.callsOf("flightControl").size(), 1u);
+    EXPECT_EQ(second.json()->getValue<std::string>("api"), "getSyncRouteResult");
+}
+
+TEST_F(HttpFront, OnlyApisBelow307AreServed)
+{
+    EXPECT_EQ(call("getPhotoCount").status, 404);
+    EXPECT_EQ(call("getDatDirPath").status, 404);
+    EXPECT_EQ(call("PushRoute").status, 404);
+}
+
+TEST_F(HttpFront, AnApiWithoutServiceCategoryIsRefusedAtOnce)
+{
+    vehicleConnected(true);
+    const auto answer = call("hangerImageTransSwitch", R"({"type":"request","msgId":"5"})");
+    auto inner = answer.json()->getObject("message");
+    ASSERT_TRUE(inner);
+    EXPECT_EQ(inner->getValue<int>("code"), 4002);
+    EXPECT_EQ(inner->getValue<std::string>("msg"),
+              "Pilot response http error msg: api has no service category: hangerImageTransSwitch");
+    EXPECT_EQ(answer.json()->getValue<std::string>("msgId"), "5");
+}
+
+TEST_F(HttpFront, AMissingTypeIsLoggedAndTheRequestStillServed)
+{
+    LogCapture log;
+    const auto answer = call("getConfig", "{}");
+    EXPECT_EQ(log.errors("param type error"), 1);
+    EXPECT_EQ(service.callsOf("telementry").size(), 1u);
+    EXPECT_EQ(answer.status, 200);
+}
+
+TEST_F(HttpFront, AServiceThatIsDownGivesAnErrorAnswerNotAHang)
+{
+    service.service.stop();
+    const auto answer = call("getConfig", R"({"type":"request","msgId":"1"})");
+    ASSERT_TRUE(answer.json()) << answer.status << " [" << answer.body << "]";
+    auto inner = answer.json()->getObject("message");
+    ASSERT_TRUE(inner);
+    EXPECT_NE(inner->getValue<int>("code"), 200);
+    EXPECT_FALSE(inner->getValue<std::string>("msg").empty());
+}
+
+TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
+{
+    service.service.withhold_answers("telementry");
+    // Answers that never come are bounded by the plug-in's stop: the caller is
+    // released with an error instead of waiting ten minutes.
+    std::thread stopper([this] {
+        service.waitForCalls("telementry", 1);
+        plugin->stop();
+    });
+    const auto answer = call("getConfig");
+    stopper.join();
+    auto inner = answer.json()->getObject("message");
+    ASSERT_TRUE(inner) << answer.body;
+    EXPECT_EQ(inner->getValue<int>("code"), 4002);
+}
+
+} // namespace

@@ -1,0 +1,143 @@
+#include <condition_variable>
+
+#include "FrontsFixture.h"
+#include "PluginFixture.h"
+
+namespace {
+
+using vlm::test::parseObject;
+
+const std::string stationTopic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
+const std::string pilotTopic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
+const std::string payloadTopic = "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
+
+// A ground application on the same broker: publishes commands and collects
+// the answers that come back on the command topics.
+class MqttFront : public vlm::test::FrontsFixture {
+protected:
+    void SetUp() override
+    {
+        FrontsFixture::SetUp();
+        vlm::MqttClientOptions options;
+        options.serverUri = broker.hostPort();
+        app = std::make_unique<vlm::PahoMqttClient>(options);
+        ASSERT_TRUE(app->connect());
+        for (const auto& topic : {stationTopic, pilotTopic, payloadTopic})
+            app->Subscribe(
+                [this](const std::string& topic, const std::string& payload) {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    received.emplace_back(topic, payload);
+                    arrived.notify_all();
+                },
+                topic, 0);
+    }
+    void TearDown() override
+    {
+        app.reset();
+        FrontsFixture::TearDown();
+    }
+
+    void command(const std::string& topic, const std::string& payload)
+    {
+        ASSERT_TRUE(app->PublishMessage(payload, topic, 0, 0, 1));
+    }
+
+    /// The first answer (a "response" with that msgId) seen on `topic`.
+    Poco::JSON::Object::Ptr answerTo(const std::string& topic, const std::string& msgId)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        Poco::JSON::Object::Ptr found;
+        arrived.wait_for(lock, std::chrono::seconds(8), [&] {
+            for (const auto& [t, payload] : received) {
+                if (t != topic)
+                    continue;
+                try {
+                    auto json = parseObject(payload);
+                    if (json->optValue<std::string>("type", "") == "response" &&
+                        json->optValue<std::string>("msgId", "") == msgId) {
+                        found = json;
+                        return true;
+                    }
+                } catch (...) {
+                }
+            }
+            return false;
+        });
+        return found;
+    }
+
+    std::unique_ptr<vlm::PahoMqttClient> app;
+    std::mutex mutex;  // guards received
+    std::condition_variable arrived;
+    std::vector<std::pair<std::string, std::string>> received;
+};
+
+TEST_F(MqttFront, GroundCommandsAreAnsweredOnTheirOwnTopic)
+{
+    for (const auto& topic : {pilotTopic, payloadTopic}) {
+        const std::string msgId = "g-" + topic.substr(9, 6);
+        command(topic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":")" + msgId +
+                           R"("})");
+        auto answer = answerTo(topic, msgId);
+        ASSERT_TRUE(answer) << topic;
+        EXPECT_EQ(answer->getValue<std::string>("api"), "getConfig");
+        EXPECT_EQ(answer->getValue<std::string>("target"), "app");
+        EXPECT_EQ(answer->getObject("message")->getValue<int>("code"), 200);
+    }
+    EXPECT_EQ(service.callsOf("telementry").size(), 2u);
+}
+
+TEST_F(MqttFront, RefusalsArePublishedAsErrorEnvelopes)
+{
+    command(pilotTopic, R"({"api":"pushRoute","type":"request","from":"app","msgId":"r1"})");
+    auto refused = answerTo(pilotTopic, "r1");
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->getObject("message")->getValue<int>("code"), 4001);
+    EXPECT_EQ(refused->getValue<std::string>("target"), "app");
+
+    command(pilotTopic, R"({"api":"noSuchApi","type":"request","msgId":"r2"})");
+    // The unknown-API answer is the short form: it carries no msgId, only the text.
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(arrived.wait_for(lock, std::chrono::seconds(8), [&] {
+        for (const auto& entry : received)
+            if (entry.second.find(R"("msg":"current api not exist: noSuchApi")") != std::string::npos)
+                return entry.second.find(R"("code":-1)") != std::string::npos;
+        return false;
+    }));
+    EXPECT_TRUE(service.callsOf("flightControl").empty());
+}
+
+TEST_F(MqttFront, CloudCommandsGoToTheServiceByFactoryAnd135)
+{
+    vehicleConnected(true);
+    command(stationTopic, R"({"api":"pushRoute","factory":true,"type":"request","msgId":"c1"})");
+    command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
+    command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
+    ASSERT_TRUE(answerTo(stationTopic, "c3"));
+    ASSERT_TRUE(service.waitForCalls("pilotControlBase", 3));  // setSelfGuid at start, then two
+
+    auto dji = service.callsOf("djiControl");
+    ASSERT_EQ(dji.size(), 1u);
+    EXPECT_EQ(dji[0].args.size(), 1u);
+    EXPECT_EQ(parseObject(dji[0].args[0])->getValue<std::string>("msgId"), "c1");
+
+    auto base = service.callsOf("pilotControlBase");
+    ASSERT_EQ(base.size(), 3u);
+    EXPECT_EQ(base[1].args[1], "hangerImageTransSwitch");
+    EXPECT_EQ(base[2].args[1], "publishToGround");
+    EXPECT_TRUE(service.callsOf("flightControl").empty());
+}
+
+TEST_F(MqttFront, EarlyExitsForwardNothing)
+{
+    vehicleConnected(true);
+    command(pilotTopic, R"({"api":"setCommLink","msgId":"e1"})");
+    command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
+    command(pilotTopic, R"({"type":"request"})");
+    command(pilotTopic, "not json at all");
+    command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":"e3"})");
+    ASSERT_TRUE(answerTo(pilotTopic, "e3"));
+    EXPECT_EQ(service.callsOf("telementry").size(), 1u);
+}
+
+} // namespace
