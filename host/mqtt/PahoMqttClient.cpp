@@ -61,12 +61,8 @@ bool PahoMqttClient::Impl::onDeliveryThread()
 
 void PahoMqttClient::Impl::onMessage(const ::mqtt::const_message_ptr& message)
 {
-    {
-        std::lock_guard<std::mutex> lock(deliveryMutex);
-        if (closed)
-            return;
-        ++deliveriesStarted;
-    }
+    if (!enterCallback())
+        return;
     const std::string& topic = message->get_topic();
     std::vector<MessageHandler> matching;
     {
@@ -87,11 +83,7 @@ void PahoMqttClient::Impl::onMessage(const ::mqtt::const_message_ptr& message)
         }
     }
     insideDelivery = false;
-    {
-        std::lock_guard<std::mutex> lock(deliveryMutex);
-        ++deliveriesFinished;
-    }
-    deliveryFinished.notify_all();
+    leaveCallback();
 }
 
 void PahoMqttClient::Impl::subscribeAtBroker(const std::string& filter, int qos, bool wait)
@@ -117,22 +109,40 @@ void PahoMqttClient::Impl::unsubscribeAtBroker(const std::string& filter, bool w
     }
 }
 
-void PahoMqttClient::Impl::waitForRunningDelivery()
+bool PahoMqttClient::Impl::enterCallback()
 {
-    std::unique_lock<std::mutex> lock(deliveryMutex);
-    const std::uint64_t started = deliveriesStarted;
-    if (!deliveryFinished.wait_for(lock, options.operationTimeout, [&] { return deliveriesFinished >= started; }))
-        logger.error("mqtt delivery still running after %d ms", static_cast<int>(options.operationTimeout.count()));
+    std::lock_guard<std::mutex> lock(callbackMutex);
+    if (closed)
+        return false;
+    ++callbacksStarted;
+    return true;
 }
 
-void PahoMqttClient::Impl::closeDelivery()
+void PahoMqttClient::Impl::leaveCallback()
+{
+    // Notified under the lock: the waiter may destroy this state as soon as it
+    // sees the count, and must not do so while notify_all still runs.
+    std::lock_guard<std::mutex> lock(callbackMutex);
+    ++callbacksFinished;
+    callbackFinished.notify_all();
+}
+
+void PahoMqttClient::Impl::waitForRunningCallbacks()
+{
+    std::unique_lock<std::mutex> lock(callbackMutex);
+    const std::uint64_t started = callbacksStarted;
+    if (!callbackFinished.wait_for(lock, options.operationTimeout, [&] { return callbacksFinished >= started; }))
+        logger.error("mqtt callback still running after %d ms", static_cast<int>(options.operationTimeout.count()));
+}
+
+void PahoMqttClient::Impl::closeCallbacks()
 {
     {
-        std::lock_guard<std::mutex> lock(deliveryMutex);
+        std::lock_guard<std::mutex> lock(callbackMutex);
         closed = true;
     }
     if (!onDeliveryThread())
-        waitForRunningDelivery();
+        waitForRunningCallbacks();
 }
 
 PahoMqttClient::PahoMqttClient(MqttClientOptions options) : impl(std::make_unique<Impl>(std::move(options))) {}
@@ -140,7 +150,7 @@ PahoMqttClient::PahoMqttClient(MqttClientOptions options) : impl(std::make_uniqu
 PahoMqttClient::~PahoMqttClient()
 {
     impl->stopKeeping();
-    impl->closeDelivery();
+    impl->closeCallbacks();
 }
 
 bool PahoMqttClient::connect()
@@ -221,7 +231,7 @@ bool PahoMqttClient::Unsubscribe(const std::string& topic)
     if (impl->linkUp.load())
         impl->unsubscribeAtBroker(topic, wait);
     if (wait)
-        impl->waitForRunningDelivery();
+        impl->waitForRunningCallbacks();
     return true;
 }
 

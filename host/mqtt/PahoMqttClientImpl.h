@@ -42,8 +42,17 @@ struct PahoMqttClient::Impl {
     void onMessage(const mqtt::const_message_ptr& message);
     void subscribeAtBroker(const std::string& filter, int qos, bool wait);
     void unsubscribeAtBroker(const std::string& filter, bool wait);
-    void waitForRunningDelivery();
-    void closeDelivery();
+
+    /// Every callback from the library runs between these two; enterCallback()
+    /// returns false once closed, and the callback must then return at once.
+    bool enterCallback();
+    void leaveCallback();
+    /// Waits (operationTimeout at most) until the callbacks that had started
+    /// when it was called have finished.
+    void waitForRunningCallbacks();
+    /// Drops every later callback and waits for running ones; before the
+    /// library client and this state are destroyed.
+    void closeCallbacks();
 
     /// Whether the calling thread is the library's delivery thread, inside a
     /// message handler of any client.
@@ -72,11 +81,11 @@ struct PahoMqttClient::Impl {
     std::mutex subscriptionsMutex;  // guards subscriptions
     std::vector<Subscription> subscriptions;
 
-    std::mutex deliveryMutex;  // guards deliveriesStarted, deliveriesFinished and closed
-    std::condition_variable deliveryFinished;
-    std::uint64_t deliveriesStarted = 0;
-    std::uint64_t deliveriesFinished = 0;
-    bool closed = false;  // set on destruction: later deliveries are dropped
+    std::mutex callbackMutex;  // guards callbacksStarted, callbacksFinished and closed
+    std::condition_variable callbackFinished;
+    std::uint64_t callbacksStarted = 0;
+    std::uint64_t callbacksFinished = 0;
+    bool closed = false;  // set on destruction: later callbacks return at once
 };
 
 } // namespace vlm

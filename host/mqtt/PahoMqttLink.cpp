@@ -142,14 +142,17 @@ void PahoMqttClient::Impl::restoreSubscriptions()
 
 void PahoMqttClient::Impl::onConnectionLost(const std::string& cause)
 {
+    if (!enterCallback())
+        return;
     ++linkLosses;
     linkUp = false;
+    logger.error("mqtt connection to %s lost: %s", uri, cause.empty() ? std::string("no reason given") : cause);
     {
         std::lock_guard<std::mutex> lock(linkMutex);
         ready = false;
+        linkChanged.notify_all();
     }
-    linkChanged.notify_all();
-    logger.error("mqtt connection to %s lost: %s", uri, cause.empty() ? std::string("no reason given") : cause);
+    leaveCallback();
 }
 
 } // namespace vlm

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
@@ -111,15 +112,20 @@ protected:
         ASSERT_TRUE(connectTogether({station.get(), peer.get()})) << broker.output();
     }
 
+    /// An inbox that outlives both clients, so no delivery can reach it after
+    /// the test body has ended.
+    Inbox& newInbox() { return inboxes.emplace_back(); }
+
     MosquittoBroker broker;
+    std::deque<Inbox> inboxes;
     std::unique_ptr<vlm::PahoMqttClient> station;
     std::unique_ptr<vlm::PahoMqttClient> peer;
 };
 
 TEST_F(MqttClientTest, DeliversEachMessageOnlyToTheHandlersWhoseFilterMatches)
 {
-    Inbox commands;
-    Inbox everything;
+    Inbox& commands = newInbox();
+    Inbox& everything = newInbox();
     ASSERT_TRUE(station->Subscribe(commands.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
     ASSERT_TRUE(station->Subscribe(everything.handler(), "/msg/#", 0));
 
@@ -138,9 +144,9 @@ TEST_F(MqttClientTest, DeliversEachMessageOnlyToTheHandlersWhoseFilterMatches)
 
 TEST_F(MqttClientTest, TwoHandlersOnOneTopicEachGetEveryMessageExactlyOnce)
 {
-    Inbox first;
-    Inbox second;
-    Inbox sentinel;
+    Inbox& first = newInbox();
+    Inbox& second = newInbox();
+    Inbox& sentinel = newInbox();
     ASSERT_TRUE(station->Subscribe(first.handler(), "/SN/cmd", 0));
     ASSERT_TRUE(station->Subscribe(second.handler(), "/SN/cmd", 0));
     ASSERT_TRUE(station->Subscribe(sentinel.handler(), "/SN/sentinel", 0));
@@ -161,7 +167,7 @@ TEST_F(MqttClientTest, PublishesPayloadsByteForByteWithTheRequestedRetainFlag)
     ASSERT_TRUE(peer->PublishMessage(binary, "/station/retained", 2, 1, 2));
 
     // Subscribing after the publication still gets the retained message.
-    Inbox inbox;
+    Inbox& inbox = newInbox();
     ASSERT_TRUE(station->Subscribe(inbox.handler(), "/station/retained", 1));
     ASSERT_TRUE(inbox.waitForCount(1));
     EXPECT_EQ(inbox.all()[0].second, binary);
@@ -178,7 +184,7 @@ TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgem
             publishResult.set_value(station->PublishMessage("answer to " + payload, "/ground/answer", 2, 0, 1));
         },
         "/station/cmd", 0));
-    Inbox answers;
+    Inbox& answers = newInbox();
     ASSERT_TRUE(peer->Subscribe(answers.handler(), "/ground/answer", 2));
 
     ASSERT_TRUE(peer->PublishMessage("ping", "/station/cmd", 0, 0, 0));
@@ -187,13 +193,15 @@ TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgem
     EXPECT_TRUE(result.get());
     ASSERT_TRUE(answers.waitForCount(1));
     EXPECT_EQ(answers.all()[0].second, "answer to ping");
+    // The handler refers to this test's promise: no later delivery may run it.
+    EXPECT_TRUE(station->Unsubscribe("/station/cmd"));
 }
 
 TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
 {
-    Inbox removedA;
-    Inbox removedB;
-    Inbox kept;
+    Inbox& removedA = newInbox();
+    Inbox& removedB = newInbox();
+    Inbox& kept = newInbox();
     ASSERT_TRUE(station->Subscribe(removedA.handler(), "/SN/cmd", 0));
     ASSERT_TRUE(station->Subscribe(removedB.handler(), "/SN/cmd", 0));
     ASSERT_TRUE(station->Subscribe(kept.handler(), "/SN/telemetry", 0));
@@ -212,7 +220,7 @@ TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
 TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
 {
     vlm::test::LogCapture log;
-    Inbox after;
+    Inbox& after = newInbox();
     ASSERT_TRUE(station->Subscribe([](const std::string&, const std::string&) { throw std::runtime_error("bad json"); },
                                    "/SN/cmd", 0));
     ASSERT_TRUE(station->Subscribe(after.handler(), "/SN/cmd", 0));
@@ -224,7 +232,7 @@ TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
 
 TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
 {
-    Inbox inbox;
+    Inbox& inbox = newInbox();
     EXPECT_FALSE(station->Subscribe(inbox.handler(), "a/#/b", 0));
     EXPECT_FALSE(station->Subscribe(inbox.handler(), "", 0));
     EXPECT_FALSE(station->Subscribe(inbox.handler(), "a", 3));
@@ -236,7 +244,7 @@ TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
 
 TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsReturnWithIt)
 {
-    Inbox inbox;
+    Inbox& inbox = newInbox();
     ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
     ASSERT_TRUE(peer->PublishMessage("before", "/SN/cmd", 1, 0, 2));
     ASSERT_TRUE(inbox.waitForCount(1));
@@ -266,8 +274,8 @@ TEST_F(MqttClientTest, DisconnectAndDestructionReturnWhileTheBrokerIsAway)
 TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater)
 {
     MosquittoBroker broker;
-    vlm::PahoMqttClient station(optionsFor(broker));
     Inbox inbox;
+    vlm::PahoMqttClient station(optionsFor(broker));
     ASSERT_TRUE(station.Subscribe(inbox.handler(), "/SN/cmd", 0));
     EXPECT_FALSE(station.PublishMessage("x", "/SN/cmd", 0, 0, 0));
 
