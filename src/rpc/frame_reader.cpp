@@ -68,10 +68,8 @@ frame_reader::status frame_reader::next(frame_view& out)
 
     const std::size_t available = end_ - begin_;
     if (available < header_.body_len) {
-        // Room for the whole body now, so the socket can fill it without
-        // another compaction per read.
-        if (buffer_.size() - begin_ < header_.body_len)
-            make_room(header_.body_len - available);
+        // The buffer grows as the body's bytes arrive (prepare_data doubles
+        // it when full), not when the header merely claims a size.
         return status::need_more;
     }
 
