@@ -45,6 +45,10 @@ struct HttpRoute;
 /// paths are answered 404, a handler exception 500 (and logged), a missing or
 /// wrong bearer token 401, all with a JSON body {"code": <status>, "msg": ...}.
 ///
+/// The host adds its own routes (health, bus) with apiRegist like any plug-in.
+/// All members may be called from any thread; handlers run on the server's
+/// worker threads.
+///
 /// Stopping: stop() makes stopping() true, closes the listening socket and
 /// shuts down the socket of every open connection. A handler writing to its
 /// response then sees the stream fail at its next flush (an event-stream loop

@@ -31,7 +31,10 @@ struct VLM_EXPORT MqttClientOptions {
     /// on every further failure up to reconnectMaxDelay.
     std::chrono::milliseconds reconnectMinDelay{1000};
     std::chrono::milliseconds reconnectMaxDelay{30000};
-    /// Bound of one connection attempt.
+    /// Bound of one connection attempt. Keep it above 2 s: the library serves
+    /// all clients of a process from one network thread that notices a new
+    /// connection only after its poll of the others' idle sockets times out,
+    /// so a client connecting while another is connected needs up to ~2 s.
     std::chrono::seconds connectTimeout{5};
     /// Bound of the waits for the broker's acknowledgement of a subscribe,
     /// unsubscribe or disconnect.

@@ -264,6 +264,20 @@ TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsRe
     EXPECT_EQ(inbox.all()[1].second, "after");
 }
 
+TEST_F(MqttClientTest, AfterDisconnectNothingIsPublishedAndConnectRestoresTheSubscriptions)
+{
+    Inbox& inbox = newInbox();
+    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
+    station->disconnect();
+    EXPECT_FALSE(station->isConnected());
+    EXPECT_FALSE(station->PublishMessage("x", "/SN/cmd", 1, 0, 1));
+
+    ASSERT_TRUE(station->connect());
+    ASSERT_TRUE(peer->PublishMessage("again", "/SN/cmd", 1, 0, 2));
+    ASSERT_TRUE(inbox.waitForCount(1));
+    EXPECT_EQ(inbox.all()[0].second, "again");
+}
+
 TEST_F(MqttClientTest, DisconnectAndDestructionReturnWhileTheBrokerIsAway)
 {
     broker.stop();
