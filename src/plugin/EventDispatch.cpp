@@ -216,7 +216,7 @@ void PilotControlP::wrapAndPublishEvent(const std::string& topic, const std::str
             // Taken between the check and the start: fall through to the worker.
         }
     }
-    impl->outbound.post(std::move(publish));
+    impl->outbound.post(std::move(publish), apiNumber(topic) == api::pushTelemetry);
 }
 
 } // namespace vlm

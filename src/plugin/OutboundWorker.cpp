@@ -1,5 +1,9 @@
 #include "OutboundWorker.h"
 
+#include <algorithm>
+
+#include "uav/PilotControlCommon/PilotControlLog.h"
+
 namespace vlm {
 
 OutboundWorker::OutboundWorker(size_t capacity)
@@ -20,22 +24,34 @@ OutboundWorker::~OutboundWorker()
         thread.join();
 }
 
-bool OutboundWorker::post(std::function<void()> task)
+bool OutboundWorker::post(std::function<void()> task, bool droppable)
 {
-    bool kept = true;
+    size_t droppedSoFar = 0;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
         if (state->stopping)
             return false;
+        bool queueNew = true;
         if (state->tasks.size() >= state->capacity) {
-            state->tasks.pop_front();
-            ++state->droppedCount;
-            kept = false;
+            auto oldest = std::find_if(state->tasks.begin(), state->tasks.end(),
+                                       [](const State::Task& t) { return t.droppable; });
+            if (oldest != state->tasks.end()) {
+                state->tasks.erase(oldest);
+                droppedSoFar = ++state->droppedCount;
+            } else if (droppable) {
+                // Everything queued must stay: the new telemetry is the one to go.
+                droppedSoFar = ++state->droppedCount;
+                queueNew = false;
+            }
+            // Work that is not droppable always queues, over the capacity.
         }
-        state->tasks.push_back(std::move(task));
+        if (queueNew)
+            state->tasks.push_back({std::move(task), droppable});
     }
+    if (droppedSoFar == 1 || (droppedSoFar > 0 && droppedSoFar % 1000 == 0))
+        PCP_LOG_ERROR("outbound queue full: %zu stale telemetry publications dropped so far", droppedSoFar);
     state->wake.notify_one();
-    return kept;
+    return droppedSoFar == 0;
 }
 
 size_t OutboundWorker::dropped() const
@@ -53,7 +69,7 @@ void OutboundWorker::run(const std::shared_ptr<State>& s)
             s->wake.wait(lock, [&] { return s->stopping || !s->tasks.empty(); });
             if (s->tasks.empty())
                 return;
-            task = std::move(s->tasks.front());
+            task = std::move(s->tasks.front().run);
             s->tasks.pop_front();
         }
         try {

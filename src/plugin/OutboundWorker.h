@@ -10,9 +10,10 @@
 namespace vlm {
 
 /// One thread that runs publishing work in arrival order, so the RPC I/O
-/// threads hand work over instead of waiting for the MQTT client. The queue is
-/// bounded: when it is full the oldest task is dropped and counted, which
-/// favours fresh telemetry over stale.
+/// threads hand work over instead of waiting for the MQTT client. Work that
+/// only matters while it is fresh (telemetry) is posted as droppable: when the
+/// queue holds `capacity` tasks, the oldest droppable one makes room, which
+/// favours fresh telemetry over stale. Other work is never dropped.
 class OutboundWorker {
 public:
     explicit OutboundWorker(size_t capacity = 4096);
@@ -22,11 +23,11 @@ public:
     OutboundWorker(const OutboundWorker&) = delete;
     OutboundWorker& operator=(const OutboundWorker&) = delete;
 
-    /// Queues a task; any thread. Returns false when the task was not kept
-    /// as it stood: a queued one was dropped to make room, or the worker stops.
-    bool post(std::function<void()> task);
+    /// Queues a task; any thread. Returns false when the worker stops (the
+    /// task is not run) or when a droppable task was dropped to make room.
+    bool post(std::function<void()> task, bool droppable = false);
 
-    /// Tasks dropped because the queue was full.
+    /// Droppable tasks dropped because the queue was full.
     size_t dropped() const;
 
 private:
@@ -37,7 +38,11 @@ private:
         const size_t capacity;
         std::mutex mutex;  // guards tasks, stopping, droppedCount
         std::condition_variable wake;
-        std::deque<std::function<void()>> tasks;
+        struct Task {
+            std::function<void()> run;
+            bool droppable;
+        };
+        std::deque<Task> tasks;
         bool stopping = false;
         size_t droppedCount = 0;
     };

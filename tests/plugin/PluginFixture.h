@@ -8,6 +8,7 @@
 
 #include "PilotControlPTestAccess.h"
 #include "RecordingMqttClient.h"
+#include "ThreadPool.h"
 
 namespace vlm::test {
 
@@ -28,6 +29,13 @@ protected:
         plugin->setCallback(bus.callback());
         state().setStationId("station-1");
         state().setPilotId("UAV-1");
+    }
+
+    void TearDown() override
+    {
+        // Work handed to the host pool must not run into the next test.
+        ThreadPool::defaultPool().joinAll();
+        plugin.reset();
     }
 
     PilotControlPImpl& state() { return Access::impl(*plugin); }

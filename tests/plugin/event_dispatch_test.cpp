@@ -1,4 +1,5 @@
 #include "PluginFixture.h"
+#include "ThreadPool.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -131,6 +132,9 @@ TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
     state().localMqtt = true;
     state().linkType = 1;
     dispatch("heartBeat", "{}");
+    // The link type is read when the hand-off runs, so let it run first.
+    vlm::ThreadPool::defaultPool().joinAll();
+    EXPECT_TRUE(mqtt->publications().empty());
     state().linkType = 2;
     dispatch("getVersionInfo", "{}");
     ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero)));

@@ -21,7 +21,11 @@ protected:
         vlm::configInstance().setString("mqtt.user_name", "");
         vlm::configInstance().setString("mqtt.pawsswd", "");
     }
-    void TearDown() override { plugin->stop(); }
+    void TearDown() override
+    {
+        plugin->stop();
+        PluginFixture::TearDown();
+    }
 
     void start() { plugin->start(nullptr, mqtt, "127.0.0.1", service.port); }
 

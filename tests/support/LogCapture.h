@@ -6,6 +6,7 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
+#include <Poco/ConsoleChannel.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
@@ -14,7 +15,12 @@
 namespace vlm::test {
 
 /// Records every line written to the host logger while it lives, so a test can
-/// assert on exact log texts. Restores the previous channel and level on exit.
+/// assert on exact log texts.
+///
+/// The logger's channel and level are set once, before main, and never changed
+/// again: Poco's logger reads its channel without a lock, so swapping it while
+/// pool or I/O threads log would free a channel under their feet. A capture
+/// only switches recording on and off.
 class LogCapture {
 public:
     struct Line {
@@ -23,25 +29,25 @@ public:
         std::string source;
     };
 
-    LogCapture() : channel(new Recorder), logger(Poco::Logger::get(logName()))
+    LogCapture()
     {
-        previousChannel = logger.getChannel();
-        previousLevel = logger.getLevel();
-        logger.setChannel(channel);
-        logger.setLevel(Poco::Message::PRIO_INFORMATION);
+        std::lock_guard<std::mutex> lock(recorder().mutex);
+        recorder().lines.clear();
+        recorder().active = true;
     }
     ~LogCapture()
     {
-        logger.setChannel(previousChannel);
-        logger.setLevel(previousLevel);
+        std::lock_guard<std::mutex> lock(recorder().mutex);
+        recorder().active = false;
+        recorder().lines.clear();
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<Line> lines() const
     {
-        std::lock_guard<std::mutex> lock(channel->mutex);
-        return channel->lines;
+        std::lock_guard<std::mutex> lock(recorder().mutex);
+        return recorder().lines;
     }
 
     /// Lines whose text is exactly `text` at the given priority.
@@ -66,25 +72,53 @@ public:
 
     void clear()
     {
-        std::lock_guard<std::mutex> lock(channel->mutex);
-        channel->lines.clear();
+        std::lock_guard<std::mutex> lock(recorder().mutex);
+        recorder().lines.clear();
+    }
+
+    /// Installs the recording channel; runs once, before main.
+    static bool install()
+    {
+        Poco::Logger& logger = Poco::Logger::get(logName());
+        logger.setChannel(&recorder());
+        logger.setLevel(Poco::Message::PRIO_INFORMATION);
+        return true;
     }
 
 private:
+    // Records while a capture is active; otherwise passes warnings and worse
+    // on to standard error so a failing test still shows them.
     struct Recorder : Poco::Channel {
         void log(const Poco::Message& msg) override
         {
-            std::lock_guard<std::mutex> lock(mutex);
-            lines.push_back({msg.getPriority(), msg.getText(), msg.getSourceFile() ? msg.getSourceFile() : ""});
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (active) {
+                    lines.push_back({msg.getPriority(), msg.getText(), msg.getSourceFile() ? msg.getSourceFile() : ""});
+                    return;
+                }
+            }
+            if (msg.getPriority() <= Poco::Message::PRIO_WARNING)
+                console->log(msg);
         }
-        mutable std::mutex mutex;  // guards lines
+        mutable std::mutex mutex;  // guards lines, active
         std::vector<Line> lines;
+        bool active = false;
+        Poco::AutoPtr<Poco::ConsoleChannel> console{new Poco::ConsoleChannel};
     };
 
-    Poco::AutoPtr<Recorder> channel;
-    Poco::Logger& logger;
-    Poco::AutoPtr<Poco::Channel> previousChannel;
-    int previousLevel;
+    static Recorder& recorder()
+    {
+        // Never released: the logger keeps a reference for the whole process.
+        static Recorder* instance = [] {
+            auto* r = new Recorder;
+            r->duplicate();
+            return r;
+        }();
+        return *instance;
+    }
 };
+
+inline const bool logCaptureInstalled = LogCapture::install();
 
 } // namespace vlm::test

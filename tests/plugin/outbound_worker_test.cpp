@@ -1,0 +1,93 @@
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "OutboundWorker.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+// Holds the worker's thread inside a first task until released, so the queue
+// behind it fills up deterministically.
+struct Gate {
+    void wait()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        entered = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return open; });
+    }
+    void waitEntered()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return entered; });
+    }
+    void release()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool entered = false;
+    bool open = false;
+};
+
+TEST(OutboundWorker, RunsTasksInOrderAndDropsOnlyStaleTelemetryWhenFull)
+{
+    vlm::test::LogCapture log;
+    Gate gate;
+    std::mutex mutex;
+    std::vector<std::string> ran;
+    auto record = [&](std::string name) {
+        return [&, name] {
+            std::lock_guard<std::mutex> lock(mutex);
+            ran.push_back(name);
+        };
+    };
+    {
+        vlm::OutboundWorker worker(3);
+        worker.post([&] { gate.wait(); });
+        gate.waitEntered();
+        EXPECT_TRUE(worker.post(record("t1"), true));
+        EXPECT_TRUE(worker.post(record("answer1")));
+        EXPECT_TRUE(worker.post(record("t2"), true));
+        EXPECT_FALSE(worker.post(record("t3"), true));  // full: t1 makes room
+        EXPECT_FALSE(worker.post(record("answer2")));   // full: t2 makes room
+        EXPECT_FALSE(worker.post(record("answer3")));   // full: t3 makes room
+        EXPECT_FALSE(worker.post(record("t4"), true));  // only answers queued: t4 itself goes
+        EXPECT_TRUE(worker.post(record("answer4")));    // answers always queue, over the capacity
+        EXPECT_EQ(worker.dropped(), 4u);
+        gate.release();
+    }  // the destructor lets queued work finish
+    EXPECT_EQ(ran, (std::vector<std::string>{"answer1", "answer2", "answer3", "answer4"}));
+    EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
+}
+
+TEST(OutboundWorker, TheLastOwnerMayBeATaskOnTheWorkerItself)
+{
+    // Releases the worker from inside its own task, then says so.
+    struct LastOwner {
+        std::shared_ptr<vlm::OutboundWorker> worker;
+        std::promise<void>* released;
+        ~LastOwner()
+        {
+            worker.reset();
+            released->set_value();
+        }
+    };
+    std::promise<void> released;
+    auto worker = std::make_shared<vlm::OutboundWorker>();
+    std::shared_ptr<LastOwner> owner(new LastOwner{worker, &released});
+    vlm::OutboundWorker* raw = worker.get();
+    worker.reset();
+    raw->post([owner = std::move(owner)] {});
+    EXPECT_EQ(released.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+}
+
+} // namespace
