@@ -159,6 +159,11 @@ bool client_core::connect(const std::string& host, unsigned short port, std::siz
         std::lock_guard<std::mutex> lock(endpoint_mutex_);
         endpoint_ = asio::ip::tcp::endpoint(address, stored_port);
     }
+    // On the I/O thread a wait could never see the connect complete.
+    if (on_io_thread()) {
+        start_connect();
+        return connected_.load();
+    }
     asio::post(io_, [this] { start_connect(); });
     return wait_connected(timeout_seconds);
 }

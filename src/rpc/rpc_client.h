@@ -66,7 +66,8 @@ public:
     /// Returns true at once when connected; otherwise starts a connect and
     /// waits up to `timeout_seconds` for it. `host` must be a numeric IPv6 or
     /// IPv4 address: anything else throws (std::system_error). `is_ssl` is
-    /// accepted and ignored.
+    /// accepted and ignored. Called on this client's I/O thread it starts the
+    /// connect without waiting and returns false.
     bool connect(const std::string& host, unsigned short port, bool is_ssl = false,
                  std::size_t timeout_seconds = 3);
 
@@ -76,7 +77,8 @@ public:
     /// Throws std::out_of_range("timeout or deferred") when none came (the
     /// pending entry stays in the table), std::future_error (broken promise)
     /// when the link was closed meanwhile, and what `req_result::value<T>` or
-    /// `check` throw for a failed or undecodable answer.
+    /// `check` throw for a failed or undecodable answer. Not from this
+    /// client's own I/O thread: the answer could not arrive while it waits.
     template <std::size_t TIMEOUT, typename T = void, typename... Args>
     T call(const std::string& rpc_name, Args&&... args);
 
