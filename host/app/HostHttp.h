@@ -1,0 +1,42 @@
+#pragma once
+
+// Small pieces the host's own HTTP routes share. The host registers its routes
+// in the stream form, which hands over the raw request and response, so that
+// one path can answer several methods (GET and POST on the bus tap).
+
+#include <cstddef>
+#include <string>
+
+#include <Poco/JSON/Object.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+
+namespace vlm::host {
+
+/// Prefix of every path the host serves itself; plug-ins may not register under it.
+inline constexpr const char* hostPathPrefix = "/host/";
+
+/// Sends `object` as the whole application/json answer with a length.
+void sendJson(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
+              const Poco::JSON::Object& object);
+
+/// Sends {"code": <status>, "msg": <text>}, the form of the server's own errors.
+void sendError(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
+               const std::string& text);
+
+/// Answers 405 naming the allowed methods.
+void sendMethodNotAllowed(Poco::Net::HTTPServerResponse& response, const std::string& allowed);
+
+/// A request body read in full, or why not.
+struct RequestText {
+    enum class Status { ok, tooLarge, unreadable };
+    Status status = Status::ok;
+    std::string text;
+};
+
+/// Reads the body (Content-Length or chunked; neither means empty), refusing
+/// more than `maxBytes` without reading it all.
+RequestText readRequestText(Poco::Net::HTTPServerRequest& request, std::size_t maxBytes);
+
+} // namespace vlm::host
