@@ -1,0 +1,196 @@
+// The simulator as the plug-in meets it: settings, the start handshake,
+// subscriptions, telemetry and forwarded requests over real RPC clients.
+
+#include <algorithm>
+
+#include "control_commands.h"
+#include "sim_fixture.h"
+
+namespace pilot_sim::test {
+namespace {
+
+class Simulator : public sim_fixture {
+protected:
+    void SetUp() override { start(quick_options()); }
+};
+
+TEST_F(Simulator, AnswersSettingsOfEachTypeFromTheConfigurationTable)
+{
+    auto client = connected_client();
+    EXPECT_EQ((client->call<3000, int>("getIntConfig", std::string("station.app_type"))), 0);
+    EXPECT_EQ((client->call<3000, int>("getIntConfig", std::string("station.forward_port"))), -1);
+    EXPECT_EQ((client->call<3000, std::string>("getStringConfig", std::string("vehicle.pilot_id"))), "SIM-UAV-0001");
+    EXPECT_EQ((client->call<3000, std::string>("getStringConfig", std::string("mqtts.pawsswd"))), "tepid@brkr");
+    EXPECT_FALSE((client->call<3000, bool>("getBoolConfig", std::string("vehicle.six_axis_ar_seat"))));
+}
+
+TEST_F(Simulator, RefusesUnknownKeysAndMisshapenQueriesWithAClearMessage)
+{
+    auto client = connected_client();
+    try {
+        client->call<3000, int>("getIntConfig", std::string("station.no_such_key"));
+        FAIL() << "answered an unknown key";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "unknown configuration key: station.no_such_key");
+    }
+    try {
+        client->call<3000, int>("getIntConfig", 7);
+        FAIL() << "answered a query without a key";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "getIntConfig expects one text argument: the dotted key");
+    }
+}
+
+TEST_F(Simulator, StartHandshakeAnnouncesTheVehicleOnTheSubscriptionLink)
+{
+    auto calls = connected_client();
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"pilotConnectState", "pushUavSn"});
+
+    const auto guid = parse_object(
+        calls->call<3000, std::string>("pilotControlBase", std::string("velmora-abcd1234"), std::string("setSelfGuid")));
+    EXPECT_EQ(guid->getValue<std::string>("api"), "setSelfGuid");
+    EXPECT_EQ(guid->getObject("message")->getValue<int>("code"), 200);
+    EXPECT_EQ(sim->station_id(), "velmora-abcd1234");
+
+    calls->call<3000>("reportRPCSub", true);
+    ASSERT_TRUE(events.wait_for_count("pushUavSn", 1));
+    ASSERT_TRUE(events.wait_for_count("pilotConnectState", 1));
+    EXPECT_EQ(events.of("pilotConnectState").front(), "true");
+    EXPECT_EQ(events.of("pushUavSn").front(), "SIM-UAV-0001");
+    EXPECT_TRUE(logs.wait_for("subscribed to 2 topics"));
+}
+
+TEST_F(Simulator, PublishesOnlyToTheConnectionsThatSubscribedTheTopic)
+{
+    event_recorder other;  // outlives the client that feeds it
+    auto first = connected_client();
+    auto second = connected_client();
+    subscribe(*first, {"fireSearchInfo"});
+    other.subscribe(*second, "uavData2MaterCtl");
+    second->call<3000, int>("getIntConfig", std::string("station.app_type"));
+
+    EXPECT_EQ(sim->send_master_control_data("{\"x\":1}"), 1u);
+    EXPECT_EQ(sim->report_fire_search("{\"fire\":true}"), 1u);
+    ASSERT_TRUE(other.wait_for_count("uavData2MaterCtl", 1));
+    ASSERT_TRUE(events.wait_for_count("fireSearchInfo", 1));
+    EXPECT_EQ(other.of("uavData2MaterCtl").front(), "{\"x\":1}");
+    EXPECT_TRUE(events.of("uavData2MaterCtl").empty());
+    EXPECT_TRUE(other.of("fireSearchInfo").empty());
+}
+
+TEST_F(Simulator, ProducesEachOnRequestEventOnItsTopic)
+{
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"setTelemFrequency", "vehicleOnlineStatus", "toMicroService", "fireSearchInfo"});
+
+    EXPECT_EQ(sim->request_telemetry_frequency(150), 1u);
+    EXPECT_EQ(sim->report_online_status("online"), 1u);
+    EXPECT_EQ(sim->send_to_bus("{\"api\":\"x\"}"), 1u);
+    EXPECT_EQ(sim->report_fire_search(), 1u);
+
+    ASSERT_TRUE(events.wait_for_count("fireSearchInfo", 1));
+    EXPECT_EQ(events.of("setTelemFrequency"), std::vector<std::string>{"150"});
+    EXPECT_EQ(events.of("vehicleOnlineStatus"), std::vector<std::string>{"online"});
+    EXPECT_EQ(events.of("toMicroService"), std::vector<std::string>{"{\"api\":\"x\"}"});
+    const auto fire = parse_object(events.of("fireSearchInfo").front());
+    EXPECT_EQ(fire->getValue<std::string>("pilot_id"), "SIM-UAV-0001");
+    EXPECT_TRUE(fire->has("lat"));
+}
+
+TEST_F(Simulator, AnswersAForwardedRequestLikeTheService)
+{
+    auto client = connected_client();
+    std::promise<std::string> answered;
+    client->call_with_callback<3000>(
+        "telementry",
+        [&](std::error_code ec, std::string_view body) {
+            answered.set_value(ec ? "error: " + ec.message() : pilot_rpc::req_result(body).value<std::string>());
+        },
+        std::string(R"({"api":"getUavId","from":"ground-7","target":"station-1","msgId":"42","message":{}})"),
+        std::string("getUavId"));
+    auto future = answered.get_future();
+    ASSERT_EQ(future.wait_for(3s), std::future_status::ready);
+    const auto answer = parse_object(future.get());
+    EXPECT_EQ(answer->getValue<std::string>("api"), "getUavId");
+    EXPECT_EQ(answer->getValue<std::string>("type"), "response");
+    EXPECT_EQ(answer->getValue<std::string>("from"), "station-1");
+    EXPECT_EQ(answer->getValue<std::string>("target"), "ground-7");
+    EXPECT_EQ(answer->getValue<std::string>("msgId"), "42");
+    const auto message = answer->getObject("message");
+    EXPECT_EQ(message->getValue<int>("code"), 200);
+    EXPECT_EQ(message->getObject("result")->getValue<std::string>("uavId"), "SIM-UAV-0001");
+}
+
+TEST_F(Simulator, ControlCommandsReachSubscribersAndRejectNonsense)
+{
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"setTelemFrequency"});
+    EXPECT_EQ(run_control_command(*sim, "telem-frequency 1100"), "ok: published to 1 subscriber(s)");
+    ASSERT_TRUE(events.wait_for_count("setTelemFrequency", 1));
+    EXPECT_EQ(events.of("setTelemFrequency").front(), "1100");
+    EXPECT_EQ(run_control_command(*sim, "telem-frequency fast"), "error: telem-frequency needs a whole number");
+    EXPECT_EQ(run_control_command(*sim, "fly-to-the-moon"), "error: unknown command \"fly-to-the-moon\" (try help)");
+    EXPECT_EQ(run_control_command(*sim, "   # a comment"), "");
+}
+
+TEST(SimulatorStart, RefusesAnAddressThatIsNotNumeric)
+{
+    simulator_options options;
+    options.bind_address = "localhost";
+    options.log = [](const std::string&) {};
+    simulator sim(options);
+    EXPECT_THROW(sim.start(), std::system_error);
+}
+
+class Telemetry : public sim_fixture {};
+
+TEST_F(Telemetry, ArrivesAtTheConfiguredRate)
+{
+    simulator_options options = quick_options();
+    options.telemetry_hz = 20.0;
+    start(options);
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"pushTelemetry"});
+    ASSERT_TRUE(events.wait_for_count("pushTelemetry", 11, 5s));
+
+    // The samples carry the simulator's clock: their mean spacing is the rate,
+    // whatever the delivery jitter. Bounds are loose on purpose.
+    const auto samples = events.of("pushTelemetry");
+    std::vector<double> stamps;
+    for (std::size_t i = 0; i < 11; ++i)
+        stamps.push_back(parse_object(samples[i])->getValue<double>("timestamp"));
+    const double mean_spacing_ms = (stamps.back() - stamps.front()) / 10.0;
+    EXPECT_GT(mean_spacing_ms, 25.0);
+    EXPECT_LT(mean_spacing_ms, 100.0);
+}
+
+TEST_F(Telemetry, DescribesTheVehicleAndStopsWhenTheVehicleLinkDrops)
+{
+    simulator_options options = quick_options();
+    options.telemetry_hz = 50.0;
+    options.heartbeat_interval = 50ms;
+    start(options);
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"pushTelemetry", "pilotConnectState", "heartBeat"});
+    ASSERT_TRUE(events.wait_for_count("pushTelemetry", 1));
+    const auto sample = parse_object(events.of("pushTelemetry").front());
+    EXPECT_EQ(sample->getValue<std::string>("flightMode"), "onGround");
+    EXPECT_EQ(sample->getValue<int>("gpsFix"), 3);
+    EXPECT_NEAR(sample->getValue<double>("lat"), options.home.lat, 1e-6);
+    EXPECT_NEAR(sample->getValue<double>("battery"), 100.0, 1.0);
+
+    sim->set_vehicle_connected(false);
+    ASSERT_TRUE(events.wait_for_count("pilotConnectState", 1));
+    EXPECT_EQ(events.of("pilotConnectState").back(), "false");
+    // Events of one connection arrive in publication order: after the
+    // "false", heartbeats go on and telemetry does not.
+    const std::size_t beats = events.of("heartBeat").size();
+    ASSERT_TRUE(events.wait_for_count("heartBeat", beats + 3));
+    const auto order = events.order();
+    const auto down = std::find(order.begin(), order.end(), "pilotConnectState");
+    EXPECT_EQ(std::find(down, order.end(), "pushTelemetry"), order.end());
+}
+
+}  // namespace
+}  // namespace pilot_sim::test
