@@ -222,8 +222,8 @@ void MessageBus::run()
             queue.pop_front();
             if (overflowing && queue.size() <= options.queueLimit / 2) {
                 overflowing = false;
-                logger().warning("bus queue has room again after dropping %Lu message(s)",
-                                 static_cast<unsigned long long>(overflowDrops));
+                logger().warning("bus queue has room again after dropping %s message(s)",
+                                 std::to_string(overflowDrops));
                 overflowDrops = 0;
             }
         }

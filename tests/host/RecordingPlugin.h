@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "PluginBase.h"
+
+namespace vlm::test {
+
+/// A plug-in that records what the bus hands it, and on which thread; it can
+/// answer each message through its own bus callback. Thread-safe.
+class RecordingPlugin : public PluginBase {
+public:
+    struct Delivery {
+        std::string text;
+        std::thread::id thread;
+    };
+
+    /// What to post back on the bus for each delivery ("" posts nothing).
+    std::function<std::string(const std::string&)> answer;
+
+    void stop() override {}
+
+    void pushMessage(std::string message) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            deliveries.push_back({message, std::this_thread::get_id()});
+        }
+        changed.notify_all();
+        if (answer) {
+            const std::string reply = answer(message);
+            if (!reply.empty() && callback)
+                callback(reply);
+        }
+    }
+
+    /// Waits until `count` messages arrived; returns them all (maybe fewer on time-out).
+    std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5))
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, timeout, [&] { return deliveries.size() >= count; });
+        return deliveries;
+    }
+
+    std::vector<Delivery> received()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return deliveries;
+    }
+
+    /// Sends a message as this plug-in would.
+    void send(const std::string& text) { callback(text); }
+
+private:
+    std::mutex mutex;  // guards deliveries
+    std::condition_variable changed;
+    std::vector<Delivery> deliveries;
+};
+
+} // namespace vlm::test

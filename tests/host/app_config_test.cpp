@@ -1,0 +1,211 @@
+// The host's configuration: a usable file gives the documented values, and
+// every kind of mistake is reported with its key and the reason.
+
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Parser.h>
+
+#include "app/HostCommandLine.h"
+#include "app/HostConfig.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using vlm::host::ConfigError;
+using vlm::host::HostConfig;
+
+const char* const minimal = R"({
+  "mqtt": {"server_uri": "127.0.0.1:1883", "user_name": "", "pawsswd": ""},
+  "plugins": [{"library": "libPlugin.so", "service_port": 7700}]
+})";
+
+Poco::JSON::Object::Ptr parse(const std::string& text)
+{
+    return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+class HostConfigTest : public ::testing::Test {
+protected:
+    HostConfig read(const std::string& text) { return vlm::host::readHostConfigFile(dir.write("host.json", text), "/opt/velmora/lib"); }
+
+    /// The error for `text`, which must be refused.
+    ConfigError refusal(const std::string& text)
+    {
+        try {
+            read(text);
+        } catch (const ConfigError& e) {
+            return e;
+        }
+        ADD_FAILURE() << "accepted: " << text;
+        return ConfigError("", "");
+    }
+
+    /// `minimal` with one value replaced: `object`.`key` = `json`.
+    std::string withValue(const std::string& object, const std::string& key, const std::string& json)
+    {
+        auto root = parse(minimal);
+        auto inner = root->getObject(object);
+        if (!inner) {
+            inner = new Poco::JSON::Object;
+            root->set(object, inner);
+        }
+        // Wrapped in a list: the parser takes a document, not a bare value.
+        inner->set(key, Poco::JSON::Parser().parse("[" + json + "]").extract<Poco::JSON::Array::Ptr>()->get(0));
+        std::ostringstream out;
+        root->stringify(out);
+        return out.str();
+    }
+
+    vlm::test::TempDir dir;
+};
+
+TEST_F(HostConfigTest, MinimalFileGetsTheDocumentedDefaults)
+{
+    const HostConfig config = read(minimal);
+    EXPECT_EQ(config.http.bindAddress, "127.0.0.1");
+    EXPECT_EQ(config.http.port, 8080);
+    EXPECT_EQ(config.http.workerThreads, 128);
+    EXPECT_TRUE(config.http.bearerToken.empty());
+    EXPECT_EQ(config.logLevel, "information");
+    EXPECT_EQ(config.logFile, "console");
+    ASSERT_EQ(config.plugins.size(), 1u);
+    EXPECT_EQ(config.plugins[0].serviceAddress, "127.0.0.1");
+    EXPECT_EQ(config.plugins[0].servicePort, 7700);
+    EXPECT_EQ(config.plugins[0].serviceWait, std::chrono::seconds(10));
+}
+
+TEST_F(HostConfigTest, ShippedExampleIsUsable)
+{
+    const HostConfig config = vlm::host::readHostConfigFile(VELMORA_EXAMPLE_CONFIG, "/opt/velmora/lib");
+    EXPECT_FALSE(config.mqtt.serverUri.empty());
+    EXPECT_FALSE(config.mqtt.stationSerial.empty());
+    ASSERT_EQ(config.plugins.size(), 1u);
+    EXPECT_EQ(config.plugins[0].library, "libVelmoraPluginPilotControl.so");
+}
+
+TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
+{
+    const HostConfig config = read(R"({
+      "http": {"address": "::1", "port": 0, "threads": 7, "queue": 9, "max_body_bytes": 100,
+               "keep_alive": false, "token": "s3cret"},
+      "mqtt": {"server_uri": "mqtts://broker.example:8884", "user_name": "u", "pawsswd": "p", "client_id": "c"},
+      "station": {"station_sn": "SN-1"},
+      "plugins": [{"library": "/abs/libA.so", "service_address": "10.0.0.2", "service_port": 1,
+                   "service_wait_seconds": 0}],
+      "log": {"level": "debug", "file": "host.log"}
+    })");
+    EXPECT_EQ(config.http.bindAddress, "::1");
+    EXPECT_EQ(config.http.port, 0);
+    EXPECT_EQ(config.http.workerThreads, 7);
+    EXPECT_EQ(config.http.queueSize, 9);
+    EXPECT_EQ(config.http.maxBodyBytes, 100u);
+    EXPECT_FALSE(config.http.keepAlive);
+    EXPECT_EQ(config.http.bearerToken, "s3cret");
+    EXPECT_EQ(config.mqtt.serverUri, "mqtts://broker.example:8884");
+    EXPECT_EQ(config.mqtt.userName, "u");
+    EXPECT_EQ(config.mqtt.password, "p");
+    EXPECT_EQ(config.mqtt.clientId, "c");
+    EXPECT_EQ(config.mqtt.stationSerial, "SN-1");
+    EXPECT_EQ(config.plugins[0].serviceAddress, "10.0.0.2");
+    EXPECT_EQ(config.plugins[0].serviceWait, std::chrono::seconds(0));
+    EXPECT_EQ(config.logLevel, "debug");
+    EXPECT_EQ(config.logFile, dir.file("host.log"));
+}
+
+struct BadValue {
+    const char* object;
+    const char* key;
+    const char* json;
+    const char* reportedKey;
+    const char* reasonPart;
+};
+
+TEST_F(HostConfigTest, BadValuesNameTheKeyAndTheReason)
+{
+    const BadValue cases[] = {
+        {"http", "port", "\"8080\"", "http.port", "whole number"},
+        {"http", "port", "70000", "http.port", "from 0 to 65535"},
+        {"http", "port", "80.5", "http.port", "whole number"},
+        {"http", "threads", "0", "http.threads", "from 1"},
+        {"http", "address", "\"localhost\"", "http.address", "numeric IP address"},
+        {"http", "keep_alive", "1", "http.keep_alive", "true or false"},
+        {"http", "token", "\"\"", "http.token", "empty"},
+        {"mqtt", "server_uri", "\"ftp://x\"", "mqtt.server_uri", "unknown scheme"},
+        {"mqtt", "server_uri", "42", "mqtt.server_uri", "expected a string"},
+        {"mqtt", "ca_file", "\"missing-ca.pem\"", "mqtt.ca_file", "no such file"},
+        {"log", "level", "\"loud\"", "log.level", "unknown level"},
+        {"log", "file", "\"/no/such/folder/host.log\"", "log.file", "folder does not exist"},
+    };
+    for (const auto& c : cases) {
+        const ConfigError error = refusal(withValue(c.object, c.key, c.json));
+        EXPECT_EQ(error.key(), c.reportedKey) << c.json;
+        EXPECT_NE(error.reason().find(c.reasonPart), std::string::npos) << error.what();
+    }
+}
+
+TEST_F(HostConfigTest, MissingRequiredKeysAreNamed)
+{
+    for (const char* key : {"server_uri", "user_name", "pawsswd"}) {
+        auto root = parse(minimal);
+        root->getObject("mqtt")->remove(key);
+        std::ostringstream out;
+        root->stringify(out);
+        const ConfigError error = refusal(out.str());
+        EXPECT_EQ(error.key(), std::string("mqtt.") + key);
+        EXPECT_EQ(error.reason(), "missing");
+    }
+    EXPECT_EQ(refusal(R"({"mqtt": {"server_uri": "h", "user_name": "", "pawsswd": ""}})").key(), "plugins");
+}
+
+TEST_F(HostConfigTest, PluginEntriesAreCheckedOneByOne)
+{
+    const std::string head = R"({"mqtt": {"server_uri": "h", "user_name": "", "pawsswd": ""}, "plugins": )";
+    EXPECT_EQ(refusal(head + R"({"library": "x"}})").key(), "plugins");
+    EXPECT_EQ(refusal(head + R"(["libA.so"]})").key(), "plugins[0]");
+    EXPECT_EQ(refusal(head + R"([{"library": "a.so", "service_port": 1}, {"service_port": 1}]})").key(),
+              "plugins[1].library");
+    EXPECT_EQ(refusal(head + R"([{"library": "a.so"}]})").key(), "plugins[0].service_port");
+    EXPECT_EQ(refusal(head + R"([{"library": "a.so", "service_port": 0}]})").key(), "plugins[0].service_port");
+    EXPECT_EQ(refusal(head + R"([{"library": "a.so", "service_port": 1, "service_address": "pilot.local"}]})").key(),
+              "plugins[0].service_address");
+    EXPECT_TRUE(read(head + "[]}").plugins.empty());
+}
+
+TEST_F(HostConfigTest, UnreadableFilesAreReportedWithoutAKey)
+{
+    EXPECT_NE(refusal("{\"http\": ").reason().find("not valid JSON"), std::string::npos);
+    EXPECT_EQ(refusal("[1, 2]").reason(), "the file must hold one JSON object");
+    EXPECT_EQ(refusal("{\"http\": 5}").key(), "http");
+    try {
+        vlm::host::readHostConfigFile(dir.file("absent.json"), "");
+        ADD_FAILURE() << "an absent file was accepted";
+    } catch (const ConfigError& e) {
+        EXPECT_NE(e.reason().find("no such file"), std::string::npos);
+    }
+}
+
+TEST(LibraryCandidates, RelativeNamesTryTheConfigFolderThenTheExecutablesLib)
+{
+    EXPECT_EQ(vlm::host::resolveLibraryCandidates("/abs/libA.so", "/etc/velmora/", "/opt/lib/"),
+              std::vector<std::string>{"/abs/libA.so"});
+    EXPECT_EQ(vlm::host::resolveLibraryCandidates("plugins/libA.so", "/etc/velmora/", "/opt/lib/"),
+              (std::vector<std::string>{"/etc/velmora/plugins/libA.so", "/opt/lib/plugins/libA.so"}));
+    EXPECT_EQ(vlm::host::resolveLibraryCandidates("libA.so", "/etc/velmora/", ""),
+              std::vector<std::string>{"/etc/velmora/libA.so"});
+}
+
+TEST(HostCommandLine, ParsesTheOptionsAndRefusesTheRest)
+{
+    using vlm::host::parseHostCommandLine;
+    EXPECT_EQ(parseHostCommandLine({"--config", "a.json"}).configPath, "a.json");
+    EXPECT_EQ(parseHostCommandLine({"--config=b.json", "--check"}).configPath, "b.json");
+    EXPECT_TRUE(parseHostCommandLine({"-c", "a.json", "--check"}).checkOnly);
+    EXPECT_TRUE(parseHostCommandLine({"--help"}).help);
+    EXPECT_THROW(parseHostCommandLine({}), std::invalid_argument);
+    EXPECT_THROW(parseHostCommandLine({"--config"}), std::invalid_argument);
+    EXPECT_THROW(parseHostCommandLine({"--config="}), std::invalid_argument);
+    EXPECT_THROW(parseHostCommandLine({"--config", "a.json", "--port", "1"}), std::invalid_argument);
+}
+
+} // namespace

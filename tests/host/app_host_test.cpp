@@ -1,0 +1,150 @@
+// The host assembled in-process: a real broker, a scripted micro service, the
+// real plug-in library next to libraries that are no plug-ins. The host
+// serves what loaded, reports what did not, and stops in order.
+
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Parser.h>
+#include <Poco/Net/NetException.h>
+
+#include "VelmoraCommon.h"
+#include "VelmoraPlugins.h"
+#include "app/HostApp.h"
+#include "host/HttpTestClient.h"
+#include "plugin/ScriptedService.h"
+#include "support/LogCapture.h"
+#include "support/MosquittoBroker.h"
+
+namespace {
+
+using vlm::host::HostApp;
+
+const char* const pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
+const auto bound = std::chrono::seconds(10);
+
+class HostAppTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        broker.start();
+        // The plug-in reads the broker keys from the host configuration itself.
+        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
+        vlm::configInstance().setString("mqtt.user_name", "");
+        vlm::configInstance().setString("mqtt.pawsswd", "");
+        const std::string service = std::to_string(this->service.port);
+        const std::string text = R"({
+          "http": {"port": 0, "threads": 16},
+          "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": ""},
+          "station": {"station_sn": "station-7"},
+          "plugins": [
+            {"library": "/no/such/libGone.so", "service_port": 1},
+            {"library": ")" + std::string(VELMORA_NON_PLUGIN_LIBRARY) + R"(", "service_port": 1},
+            {"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_port": )" + service + R"(},
+            {"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_port": )" + service + R"(}
+          ]})";
+        auto root = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+        app = std::make_unique<HostApp>(vlm::host::parseHostConfig(*root, "/etc/velmora/host.json", ""));
+        app->start();
+    }
+
+    void TearDown() override { app.reset(); }
+
+    Poco::JSON::Object::Ptr health()
+    {
+        const auto answer = vlm::test::get("/host/health").sendTo(app->httpPort());
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.contentType, "application/json");
+        return answer.json();
+    }
+
+    vlm::test::LogCapture log;
+    vlm::test::MosquittoBroker broker;
+    vlm::test::ScriptedService service;
+    std::unique_ptr<HostApp> app;
+};
+
+TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailureWithItsReason)
+{
+    EXPECT_EQ(app->startedPlugins(), 1u);
+    EXPECT_EQ(app->failedPlugins(), 3u);
+    EXPECT_TRUE(log.contains("plug-in /no/such/libGone.so not loaded: no such file"));
+
+    const auto report = health();
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->getValue<std::string>("status"), "degraded");
+    EXPECT_TRUE(report->getObject("mqtt")->getValue<bool>("connected"));
+    EXPECT_EQ(report->getObject("mqtt")->getValue<std::string>("station_sn"), "station-7");
+    EXPECT_EQ(report->getObject("http")->getValue<int>("port"), app->httpPort());
+
+    const auto plugins = report->getArray("plugins");
+    ASSERT_EQ(plugins->size(), 1u);
+    const auto plugin = plugins->getObject(0);
+    EXPECT_EQ(plugin->getValue<std::string>("guid"), pilotGuid);
+    EXPECT_EQ(plugin->getValue<std::string>("name"), "VelmoraPluginPilotControl");
+    EXPECT_EQ(plugin->getValue<int>("type"), 3);
+    EXPECT_EQ(plugin->getValue<std::string>("state"), "running");
+    const auto link = plugin->getObject("service");
+    EXPECT_EQ(link->getValue<std::string>("link"), "up");
+    EXPECT_EQ(link->getValue<int>("established"), 2);  // the plug-in's call and subscription clients
+
+    const auto failed = report->getArray("failed_plugins");
+    ASSERT_EQ(failed->size(), 3u);
+    EXPECT_NE(failed->getObject(0)->getValue<std::string>("reason").find("no such file"), std::string::npos);
+    EXPECT_NE(failed->getObject(1)->getValue<std::string>("reason").find("missing entry point"), std::string::npos);
+    EXPECT_NE(failed->getObject(2)->getValue<std::string>("reason").find("already loaded"), std::string::npos);
+}
+
+TEST_F(HostAppTest, HealthAnswersGetOnly)
+{
+    EXPECT_EQ(vlm::test::post("/host/health", "{}").sendTo(app->httpPort()).status, 405);
+}
+
+TEST_F(HostAppTest, ThePluginServesItsApiOnTheHostsServer)
+{
+    const auto answer = vlm::test::post("/index/api/pilot/getConfig",
+                                        R"({"type":"request","from":"app","target":"st","msgId":"9","message":{}})")
+                            .sendTo(app->httpPort());
+    EXPECT_EQ(answer.status, 200);
+    const auto json = answer.json();
+    ASSERT_TRUE(json) << answer.body;
+    EXPECT_EQ(json->getValue<std::string>("msgId"), "9");
+    EXPECT_EQ(json->getValue<std::string>("type"), "response");
+}
+
+TEST_F(HostAppTest, ABusMessageReachesThePluginAndItsAnswerComesBackOnTheBus)
+{
+    auto tap = app->bus().openTap();
+    const auto posted = vlm::test::post("/host/bus", R"({"to":["d639b3d5-a951-4bc7-a629-91255ebf9638"],)"
+                                                     R"("guid":"{11111111-0000-0000-0000-000000000000}",)"
+                                                     R"("api":"getConfig","type":"request","msgId":"b1"})")
+                            .sendTo(app->httpPort());
+    ASSERT_EQ(posted.status, 202) << posted.body;
+
+    bool answered = false;
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (!answered && std::chrono::steady_clock::now() < deadline) {
+        for (const auto& message : tap->take(std::chrono::milliseconds(200)).messages)
+            answered = answered || (message.origin == pilotGuid && message.text.find("\"msgId\":\"b1\"") != std::string::npos &&
+                                    message.text.find("\"type\":\"response\"") != std::string::npos);
+    }
+    EXPECT_TRUE(answered);
+    bool forwarded = false;
+    for (const auto& call : service.calls())
+        forwarded = forwarded || (call.name == "telementry" && !call.args.empty() &&
+                                  call.args[0].find("\"msgId\":\"b1\"") != std::string::npos);
+    EXPECT_TRUE(forwarded);
+}
+
+TEST_F(HostAppTest, StopTakesEverythingDownInOrderAndOnlyOnce)
+{
+    const auto port = app->httpPort();
+    app->stop();
+    EXPECT_TRUE(vlm::registeredPluginKeys().empty());
+    EXPECT_TRUE(log.contains("plug-in VelmoraPluginPilotControl stopped and unloaded"));
+    EXPECT_THROW(vlm::test::get("/host/health").sendTo(port), Poco::Net::NetException);
+    EXPECT_EQ(app->health()->getArray("plugins")->getObject(0)->getValue<std::string>("state"), "stopped");
+    app->stop();
+    EXPECT_EQ(log.count("host stopped", Poco::Message::PRIO_INFORMATION), 1);
+}
+
+} // namespace
