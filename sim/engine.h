@@ -4,10 +4,10 @@
 // the vehicle, the clocks and the fault controls. Internal to the simulator
 // library.
 //
-// Threads: apart from the constructor, `start`, `stop` and `on_io`, every
-// member runs on the service's I/O thread, as do the handlers and the
-// scheduled tasks; that is why none of the state below has a lock. The
-// facade reaches it through `on_io`.
+// Threads: apart from the constructor, `start`, `stop`, `on_io`, `port` and
+// `connections` (any thread), every member runs on the service's I/O thread,
+// as do the handlers and the scheduled tasks; that is why none of the state
+// below has a lock. The facade reaches it through `on_io`.
 //
 // Member definitions are split by concern: engine.cpp (life, procedures,
 // handshake, connection log), engine_events.cpp (clocks, event sequences,
