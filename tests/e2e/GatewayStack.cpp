@@ -1,0 +1,176 @@
+#include "e2e/GatewayStack.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <Poco/JSON/Parser.h>
+
+namespace vlm::e2e {
+namespace {
+
+const auto startBound = std::chrono::seconds(20);
+
+std::uint16_t portAfterLastColon(const std::string& line)
+{
+    return static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+}
+
+std::string tail(const std::string& text, std::size_t bytes = 6000)
+{
+    return text.size() <= bytes ? text : "..." + text.substr(text.size() - bytes);
+}
+
+std::string jsonString(const std::string& text)
+{
+    Poco::JSON::Object holder;
+    holder.set("v", text);
+    std::ostringstream out;
+    holder.stringify(out);
+    const std::string s = out.str();
+    return s.substr(5, s.size() - 6);
+}
+
+} // namespace
+
+std::string groundCommandTopic()
+{
+    return std::string("/velmora/pilot/") + topicGuid + "/" + pilotId + "/cmd";
+}
+
+std::string stationTopic()
+{
+    return std::string("/velmora/pilot/") + topicGuid + "/" + stationSn + "/cmd";
+}
+
+std::string programPath(const char* built, const char* what)
+{
+    struct stat info {};
+    if (!built || !*built || ::stat(built, &info) != 0)
+        throw std::runtime_error(std::string(what) + " is not built (expected at \"" + (built ? built : "") +
+                                 "\"); the end-to-end tests need it: build the whole tree");
+    return built;
+}
+
+GatewayStack::GatewayStack(Options opts) : options(std::move(opts)) {}
+
+GatewayStack::GatewayStack() : GatewayStack(Options{}) {}
+
+GatewayStack::~GatewayStack()
+{
+    host.reset();
+    sim.reset();
+}
+
+void GatewayStack::start()
+{
+    broker.start();
+    startSim();
+    startHost();
+}
+
+std::uint16_t GatewayStack::startSim(std::uint16_t port)
+{
+    sim.reset();
+    sim = std::make_unique<ChildProcess>(
+        std::vector<std::string>{programPath(VELMORA_PILOT_SIM, "pilot-sim"), "--port", std::to_string(port),
+                                 "--telemetry-hz", std::to_string(options.telemetryHz)},
+        dir.file("sim.log"));
+    const auto line = sim->waitForLine("pilot-sim listening on ", startBound, sim->outputSize());
+    if (!line)
+        throw std::runtime_error("pilot-sim did not start:\n" + tail(sim->output()));
+    simPort = portAfterLastColon(*line);
+    return simPort;
+}
+
+void GatewayStack::killSim()
+{
+    sim->signal(SIGKILL);
+    sim->waitExit(startBound);
+}
+
+std::string GatewayStack::writeHostConfig()
+{
+    std::string http = R"("address": "127.0.0.1", "port": 0, "threads": 64)";
+    if (!options.token.empty())
+        http += R"(, "token": )" + jsonString(options.token);
+    const std::string text = R"({
+  "http": {)" + http + R"(},
+  "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": "", "client_id": "velmora-host-e2e"},
+  "station": {"station_sn": ")" + std::string(stationSn) + R"("},
+  "plugins": [{"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_address": "127.0.0.1",
+               "service_port": )" + std::to_string(simPort) + R"(, "service_wait_seconds": 5}],
+  "log": {"level": "information", "file": ")" + dir.file("host.log") + R"("}
+})";
+    return dir.write("velmora-host.json", text);
+}
+
+void GatewayStack::startHost()
+{
+    host.reset();
+    const std::string config = writeHostConfig();
+    host = std::make_unique<ChildProcess>(
+        std::vector<std::string>{programPath(VELMORA_HOST_BIN, "velmora-host"), "--config", config},
+        dir.file("host.out"));
+    const auto listening = host->waitForLine("velmora-host listening on http://", startBound);
+    if (!listening)
+        throw std::runtime_error("velmora-host did not start:\n" + diagnostics());
+    httpPort = portAfterLastColon(*listening);
+    if (!host->waitForLine("velmora-host ready: 1 of 1 plug-in(s) started", startBound))
+        throw std::runtime_error("velmora-host did not start its plug-in:\n" + diagnostics());
+}
+
+test::HttpAnswer GatewayStack::http(test::HttpCall call) const
+{
+    if (!options.token.empty() && call.headers.count("Authorization") == 0)
+        call.headers["Authorization"] = "Bearer " + options.token;
+    return call.sendTo(httpPort);
+}
+
+Poco::JSON::Object::Ptr GatewayStack::health() const
+{
+    try {
+        const auto answer = http(test::get("/host/health"));
+        return answer.status == 200 ? answer.json() : nullptr;
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
+std::string GatewayStack::serviceLink() const
+{
+    const auto report = health();
+    if (!report || !report->getArray("plugins") || report->getArray("plugins")->size() != 1)
+        return "";
+    return report->getArray("plugins")->getObject(0)->getObject("service")->getValue<std::string>("link");
+}
+
+bool GatewayStack::mqttConnected() const
+{
+    const auto report = health();
+    return report && report->getObject("mqtt")->getValue<bool>("connected");
+}
+
+bool GatewayStack::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition())
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+std::string GatewayStack::diagnostics() const
+{
+    return "--- velmora-host output\n" + tail(host ? host->output() : "") + "\n--- velmora-host log\n" +
+           tail(test::TempDir::read(dir.file("host.log"))) + "\n--- pilot-sim output\n" +
+           tail(sim ? sim->output() : "") + "\n--- mosquitto\n" + tail(broker.output(), 2000) + "\n";
+}
+
+} // namespace vlm::e2e

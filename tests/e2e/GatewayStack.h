@@ -1,0 +1,90 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <Poco/JSON/Object.h>
+
+#include "e2e/ChildProcess.h"
+#include "host/HttpTestClient.h"
+#include "support/MosquittoBroker.h"
+#include "support/TempDir.h"
+
+namespace vlm::e2e {
+
+/// Names every end-to-end test shares.
+inline constexpr const char* pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
+inline constexpr const char* topicGuid = "FBE242B9-B226-4401-A340-36ABD4D753AD";
+inline constexpr const char* stationSn = "station-e2e";
+/// The simulator's vehicle unless its settings say otherwise.
+inline constexpr const char* pilotId = "SIM-UAV-0001";
+
+/// The ground command topic that addresses the vehicle; answers come back on it.
+std::string groundCommandTopic();
+/// The station's own topic: cloud commands and their answers, and the
+/// published telemetry and events.
+std::string stationTopic();
+
+/// The product as it runs on a station, all real processes on loopback
+/// ports the kernel chose: a mosquitto broker, the pilot-sim simulator and
+/// velmora-host with the built plug-in, configured to find each other.
+class GatewayStack {
+public:
+    struct Options {
+        /// When set, the host requires "Authorization: Bearer <token>".
+        std::string token;
+        double telemetryHz = 10;
+    };
+
+    explicit GatewayStack(Options options);
+    GatewayStack();
+    /// Kills what still runs.
+    ~GatewayStack();
+
+    /// Broker, simulator, host, in that order; returns when the host reports
+    /// its plug-ins started. Throws std::runtime_error with the reason.
+    void start();
+
+    /// Starts the simulator on `port` (0: any); returns the port it listens on.
+    std::uint16_t startSim(std::uint16_t port = 0);
+    void killSim();
+
+    void startHost();
+
+    /// Writes the host configuration and returns its path.
+    std::string writeHostConfig();
+
+    /// The call with the token added when the stack has one.
+    test::HttpAnswer http(test::HttpCall call) const;
+
+    /// GET /host/health, parsed; null when it does not answer 200 with JSON.
+    Poco::JSON::Object::Ptr health() const;
+
+    /// The plug-in's service link as health reports it ("" when unknown).
+    std::string serviceLink() const;
+
+    /// Whether health reports the host's MQTT link up.
+    bool mqttConnected() const;
+
+    /// Polls `condition` every 50 ms until it holds or `timeout` passes.
+    static bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+
+    /// What each process wrote, for a failing test's output.
+    std::string diagnostics() const;
+
+    const Options options;
+    test::TempDir dir;
+    test::MosquittoBroker broker;
+    std::unique_ptr<ChildProcess> sim;
+    std::unique_ptr<ChildProcess> host;
+    std::uint16_t simPort = 0;
+    std::uint16_t httpPort = 0;
+};
+
+/// The path of a program under test; fails with a clear reason when it was not built.
+std::string programPath(const char* built, const char* what);
+
+} // namespace vlm::e2e

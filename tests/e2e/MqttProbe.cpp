@@ -1,0 +1,96 @@
+#include "e2e/MqttProbe.h"
+
+#include <stdexcept>
+
+#include <Poco/JSON/Parser.h>
+
+namespace vlm::e2e {
+namespace {
+
+const auto operationBound = std::chrono::seconds(5);
+
+} // namespace
+
+MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId) : client(uri, clientId)
+{
+    client.set_message_callback([this](mqtt::const_message_ptr message) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            received.push_back({message->get_topic(), message->to_string()});
+        }
+        arrived.notify_all();
+    });
+    auto options = mqtt::connect_options_builder().clean_session(true).connect_timeout(operationBound).finalize();
+    try {
+        if (!client.connect(options)->wait_for(operationBound + std::chrono::seconds(1)))
+            throw std::runtime_error("no answer");
+    } catch (const std::exception& e) {
+        throw std::runtime_error("test MQTT client cannot connect to " + uri + ": " + e.what());
+    }
+}
+
+MqttProbe::~MqttProbe()
+{
+    try {
+        if (client.is_connected())
+            client.disconnect()->wait_for(operationBound);
+    } catch (const std::exception&) {
+        // The broker may be gone already; nothing is left to close then.
+    }
+}
+
+void MqttProbe::subscribe(const std::string& topic)
+{
+    if (!client.subscribe(topic, 0)->wait_for(operationBound))
+        throw std::runtime_error("subscribe to " + topic + " not acknowledged");
+}
+
+void MqttProbe::publish(const std::string& topic, const std::string& payload)
+{
+    if (!client.publish(topic, payload.data(), payload.size(), 0, false)->wait_for(operationBound))
+        throw std::runtime_error("publish to " + topic + " did not complete");
+}
+
+std::optional<MqttProbe::Message> MqttProbe::waitFor(const std::function<bool(const Message&)>& match,
+                                                     std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    std::optional<Message> found;
+    arrived.wait_for(lock, timeout, [&] {
+        for (const auto& message : received) {
+            if (match(message)) {
+                found = message;
+                return true;
+            }
+        }
+        return false;
+    });
+    return found;
+}
+
+std::size_t MqttProbe::count(const std::function<bool(const Message&)>& match)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    std::size_t n = 0;
+    for (const auto& message : received)
+        n += match(message) ? 1 : 0;
+    return n;
+}
+
+void MqttProbe::clear()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    received.clear();
+}
+
+bool hasText(const std::string& payload, const std::string& key, const std::string& value)
+{
+    try {
+        const auto object = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
+        return object->has(key) && object->get(key).isString() && object->getValue<std::string>(key) == value;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace vlm::e2e

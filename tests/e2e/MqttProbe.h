@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <mqtt/async_client.h>
+
+namespace vlm::e2e {
+
+/// A ground app or cloud service as a test plays it: a plain Paho client that
+/// subscribes, publishes and collects what arrives. Every wait is bounded.
+class MqttProbe {
+public:
+    struct Message {
+        std::string topic;
+        std::string payload;
+    };
+
+    /// Connects to "tcp://host:port"; throws std::runtime_error when the broker
+    /// does not accept within a few seconds.
+    MqttProbe(const std::string& uri, const std::string& clientId);
+    ~MqttProbe();
+    MqttProbe(const MqttProbe&) = delete;
+    MqttProbe& operator=(const MqttProbe&) = delete;
+
+    /// Subscribes (QoS 0) and waits for the broker's acknowledgement.
+    void subscribe(const std::string& topic);
+
+    /// Publishes (QoS 0) and waits until it is written.
+    void publish(const std::string& topic, const std::string& payload);
+
+    /// Waits for a message, arrived since construction or the last clear(),
+    /// that `match` accepts; returns the first such one.
+    std::optional<Message> waitFor(const std::function<bool(const Message&)>& match,
+                                   std::chrono::milliseconds timeout);
+
+    /// How many messages `match` accepts right now.
+    std::size_t count(const std::function<bool(const Message&)>& match);
+
+    void clear();
+
+private:
+    mqtt::async_client client;
+    std::mutex mutex;  // guards received
+    std::condition_variable arrived;
+    std::vector<Message> received;
+};
+
+/// Whether the payload is a JSON object whose `key` is the text `value`.
+bool hasText(const std::string& payload, const std::string& key, const std::string& value);
+
+} // namespace vlm::e2e
