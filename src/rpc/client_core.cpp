@@ -191,7 +191,16 @@ void client_core::start_connect()
     socket_.async_connect(endpoint, [this, generation](const std::error_code& ec) { on_connect(ec, generation); });
 }
 
-void client_core::on_connect(const std::error_code& ec, std::uint64_t socket_generation)
+bool client_core::connected_to_itself()
+{
+    std::error_code local_error;
+    std::error_code remote_error;
+    const auto local = socket_.local_endpoint(local_error);
+    const auto remote = socket_.remote_endpoint(remote_error);
+    return !local_error && !remote_error && local == remote;
+}
+
+void client_core::on_connect(const std::error_code& result, std::uint64_t socket_generation)
 {
     if (connected_.load() || stopping_.load())
         return;
@@ -199,6 +208,13 @@ void client_core::on_connect(const std::error_code& ec, std::uint64_t socket_gen
     // attempt owns the link now, and answering this one would tear it down.
     if (socket_generation != socket_generation_)
         return;
+
+    std::error_code ec = result;
+    // A loopback connect to a port nobody listens on can pick that very port
+    // as its own source and "succeed" by simultaneous open: the client would
+    // then talk to itself. That is a refused connect.
+    if (!ec && connected_to_itself())
+        ec = asio::error::connection_refused;
 
     if (!ec) {
         connected_.store(true);
