@@ -47,6 +47,7 @@ pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPa
     if (logFd < 0)
         throw std::runtime_error("cannot open " + logPath);
     const pid_t parent = ::getpid();
+    const long maxFd = ::sysconf(_SC_OPEN_MAX);
     const pid_t pid = ::fork();
     if (pid == 0) {
         if (dieWithParentThread) {
@@ -59,6 +60,13 @@ pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPa
         ::sigprocmask(SIG_SETMASK, &none, nullptr);
         ::dup2(logFd, STDOUT_FILENO);
         ::dup2(logFd, STDERR_FILENO);
+        // Sockets of the test process (a service's listener, say) must not
+        // live on in the broker: an inherited listener keeps accepting
+        // connections after the test closed it.
+        if (::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+            for (long fd = STDERR_FILENO + 1; fd < maxFd; ++fd)
+                ::close(static_cast<int>(fd));
+        }
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
