@@ -32,6 +32,10 @@ sigset_t stopSignalSet()
 StopSignals::StopSignals(std::function<void()> stop, std::chrono::seconds force)
     : onStop(std::move(stop)), forceAfter(force)
 {
+    // A parent that ignored them (a shell starting background jobs does so
+    // for SIGINT) would have them discarded before sigtimedwait sees them.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
     const sigset_t set = stopSignalSet();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     watcher = std::thread([this] { watch(); });
