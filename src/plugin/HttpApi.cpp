@@ -16,7 +16,6 @@
 namespace vlm {
 namespace {
 
-constexpr const char* httpPathPrefix = "/index/api/pilot/";
 constexpr auto answerWaitLimit = std::chrono::seconds(600);
 // Pause after each forwarded answer; callers have always been paced by it.
 constexpr auto answerPause = std::chrono::milliseconds(50);
@@ -42,7 +41,7 @@ void PilotControlP::installWebApi()
 
 void PilotControlP::httpRegist(const std::string& apiName)
 {
-    const std::string path = httpPathPrefix + apiName;
+    const std::string path = texts::httpApiPathPrefix + apiName;
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
     const auto number = apiNumber(apiName);
     if (number && isStreamingApi(*number)) {

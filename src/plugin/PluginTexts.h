@@ -15,6 +15,9 @@ inline constexpr const char* edgeMasterTopicSuffix = "/edgeMaster/cmd";
 inline constexpr const char* pilotOutTopicPrefix = "/msg/pilot/";
 inline constexpr const char* pilotOutTopicSuffix = "/out";
 
+// Every HTTP endpoint of the plug-in is this prefix followed by the API name.
+inline constexpr const char* httpApiPathPrefix = "/index/api/pilot/";
+
 // Receivers on the host bus.
 inline constexpr const char* gimbalPluginGuid = "{71003D6A-4AA2-4C11-A8EA-A4971EDECEB8}";
 inline constexpr const char* gimbalPeerPluginGuid = "{71003D6A-4BB2-4C11-A8EA-A4971EDECEB9}";

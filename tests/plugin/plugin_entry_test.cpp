@@ -80,16 +80,18 @@ std::set<std::string> dynamicSymbols(bool demangle)
     return names;
 }
 
-TEST(PluginExports, OnlyTheEntryPointsAndThePluginClassLeaveTheLibrary)
+TEST(PluginExports, OnlyTheEntryPointsTheApiListAndThePluginClassLeaveTheLibrary)
 {
+    const std::set<std::string> cFunctions = {"PluginName",   "PluginType",  "PluginGuid",
+                                              "PluginLoad",   "PluginUnLoad", "PluginApiCatalogue"};
     const auto raw = dynamicSymbols(false);
-    for (const char* name : {"PluginName", "PluginType", "PluginGuid", "PluginLoad", "PluginUnLoad"})
+    for (const auto& name : cFunctions)
         EXPECT_EQ(raw.count(name), 1u) << name << " must be exported undecorated";
 
     const auto demangled = dynamicSymbols(true);
     ASSERT_FALSE(demangled.empty());
     for (const auto& name : demangled) {
-        const bool entryPoint = name.rfind("Plugin", 0) == 0 && name.find("::") == std::string::npos;
+        const bool entryPoint = cFunctions.count(name) == 1;
         const bool pluginClass = name.find("vlm::PilotControlP") != std::string::npos;
         EXPECT_TRUE(entryPoint || pluginClass) << "unexpected export: " << name;
     }
