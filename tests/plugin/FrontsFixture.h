@@ -47,7 +47,7 @@ protected:
     void vehicleConnected(bool connected)
     {
         service.service.publish("pilotConnectState", connected ? "true" : "false");
-        for (int i = 0; i < 200 && state().pilotConnected != connected; ++i)
+        for (int i = 0; i < 500 && state().pilotConnected != connected; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         ASSERT_EQ(state().pilotConnected.load(), connected);
     }

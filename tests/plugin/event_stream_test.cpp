@@ -106,9 +106,10 @@ TEST_F(EventStream, TwoStreamsShareOnePendingText)
     second.until([](const std::string& l) { return l == "retry: 10000"; });
     service.service.publish("pushTelemetry", R"({"only":"once"})");
 
+    // Long enough for a loaded machine to deliver the event to one of them.
     auto countData = [](StreamReader& s) {
         int n = 0;
-        for (const auto& l : s.until([](const std::string& l) { return l == "id: 25"; }))
+        for (const auto& l : s.until([](const std::string& l) { return l == "id: 60"; }))
             n += l == R"(data: {"only":"once"})" ? 1 : 0;
         return n;
     };
@@ -124,12 +125,15 @@ TEST_F(EventStream, AVehicleDisconnectEndsTheStreamWithTheCloseSequence)
     stream.until([](const std::string& l) { return l == "retry: 10000"; });
     service.service.publish("pilotConnectState", "false");
     auto lines = stream.until([](const std::string&) { return false; });
-    ASSERT_GE(lines.size(), 3u);
+    ASSERT_GE(lines.size(), 4u);
     EXPECT_EQ(lines[lines.size() - 2], "data: Connection closed");
     EXPECT_EQ(lines[lines.size() - 3], "event: disconnect");
     const std::string error =
         R"(data: {"code":4001,"id":"UAV-1","msg":"The vehicle not connected","type":"response"})";
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), error), 1);
+    // The error line comes when the disconnect is seen before the block's
+    // data; seen after it, the stream goes straight to the close sequence.
+    EXPECT_LE(std::count(lines.begin(), lines.end(), error), 1);
+    EXPECT_EQ(lines[lines.size() - 4].rfind("id: ", 0), 0u);
 }
 
 TEST_F(EventStream, AClientThatGoesAwayFreesItsThread)
