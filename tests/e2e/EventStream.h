@@ -30,6 +30,16 @@ public:
     int status() const { return response.getStatus(); }
     std::string contentType() const { return response.getContentType(); }
 
+    /// The next line; false when the stream ended or a read timed out.
+    bool nextLine(std::string& line)
+    {
+        try {
+            return static_cast<bool>(std::getline(*in, line));
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+
     /// The next block up to its blank line; "" when the stream ended or a read
     /// timed out.
     std::string nextBlock()

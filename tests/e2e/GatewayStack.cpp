@@ -55,6 +55,11 @@ std::string programPath(const char* built, const char* what)
     return built;
 }
 
+std::string hostProgram()
+{
+    return programPath(VELMORA_HOST_BIN, "velmora-host");
+}
+
 GatewayStack::GatewayStack(Options opts) : options(std::move(opts)) {}
 
 GatewayStack::GatewayStack() : GatewayStack(Options{}) {}
@@ -113,7 +118,7 @@ void GatewayStack::startHost()
     host.reset();
     const std::string config = writeHostConfig();
     host = std::make_unique<ChildProcess>(
-        std::vector<std::string>{programPath(VELMORA_HOST_BIN, "velmora-host"), "--config", config},
+        std::vector<std::string>{hostProgram(), "--config", config},
         dir.file("host.out"));
     const auto listening = host->waitForLine("velmora-host listening on http://", startBound);
     if (!listening)

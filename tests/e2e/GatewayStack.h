@@ -87,4 +87,7 @@ public:
 /// The path of a program under test; fails with a clear reason when it was not built.
 std::string programPath(const char* built, const char* what);
 
+/// The built velmora-host.
+std::string hostProgram();
+
 } // namespace vlm::e2e

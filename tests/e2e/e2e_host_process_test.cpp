@@ -96,7 +96,7 @@ TEST(HostConfigurationProcess, ABrokenConfigurationEndsTheHostWithTheKeyAndTheRe
       "mqtt": {"server_uri": "127.0.0.1:1883", "user_name": "", "pawsswd": ""},
       "plugins": [{"library": "libVelmoraPluginPilotControl.so", "service_port": 99999}]
     })");
-    ChildProcess host({programPath(VELMORA_HOST_BIN, "velmora-host"), "--config", config}, dir.file("host.out"));
+    ChildProcess host({hostProgram(), "--config", config}, dir.file("host.out"));
     const auto status = host.waitExit(std::chrono::seconds(10));
     ASSERT_TRUE(status.has_value());
     ASSERT_TRUE(WIFEXITED(*status));
