@@ -81,25 +81,30 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, "server is stopping");
         return;
     }
-    if (!authorized(request)) {
-        response.set("WWW-Authenticate", "Bearer");
-        refuseEarly(request, response, Status::HTTP_UNAUTHORIZED, "missing or wrong bearer token");
-        return;
-    }
-
     std::string path;
     ApiParams params;
+    std::string uriError;
     try {
         const Poco::URI uri(request.getURI());
         path = uri.getPath();
         for (const auto& [name, value] : uri.getQueryParameters())
             params[name] = value;
     } catch (const Poco::Exception& e) {
-        refuseEarly(request, response, Status::HTTP_BAD_REQUEST, "malformed request URI: " + e.displayText());
+        uriError = e.displayText();
+    }
+    const auto route = uriError.empty() ? context.routes.find(path) : nullptr;
+
+    // The token is checked before anything about the path is told, so a
+    // caller without it learns neither which paths exist nor how they parse.
+    if (!(route && route->open) && !authorized(request)) {
+        response.set("WWW-Authenticate", "Bearer");
+        refuseEarly(request, response, Status::HTTP_UNAUTHORIZED, "missing or wrong bearer token");
         return;
     }
-
-    const auto route = context.routes.find(path);
+    if (!uriError.empty()) {
+        refuseEarly(request, response, Status::HTTP_BAD_REQUEST, "malformed request URI: " + uriError);
+        return;
+    }
     if (!route) {
         refuseEarly(request, response, Status::HTTP_NOT_FOUND, "no api at " + path);
         return;

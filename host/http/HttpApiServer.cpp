@@ -128,6 +128,19 @@ void HttpApiServer::apiRegist(std::string path, RequestApiHandler handler)
     registerRoute(std::move(path), std::move(route));
 }
 
+void HttpApiServer::openRouteRegist(std::string path, StreamApiHandler handler)
+{
+    HttpRoute route;
+    route.stream = std::move(handler);
+    route.open = true;
+    registerRoute(std::move(path), std::move(route));
+}
+
+std::vector<std::string> HttpApiServer::routePaths() const
+{
+    return context->routes.paths();
+}
+
 void HttpApiServer::registerRoute(std::string path, HttpRoute route)
 {
     if (path.empty() || path.front() != '/' || (!route.stream && !route.request)) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "VelmoraExport.h"
 #include "WebApiBasic.h"
@@ -43,7 +44,9 @@ struct HttpRoute;
 /// Both forms: when the handler returns without having sent the response, the
 /// reply object it was given is sent as the application/json answer. Unknown
 /// paths are answered 404, a handler exception 500 (and logged), a missing or
-/// wrong bearer token 401, all with a JSON body {"code": <status>, "msg": ...}.
+/// wrong bearer token 401 (on every path but the open routes, and before
+/// anything about the path is told), all with a JSON body {"code": <status>,
+/// "msg": ...}.
 ///
 /// The host adds its own routes (health, bus) with apiRegist like any plug-in.
 /// All members may be called from any thread; handlers run on the server's
@@ -84,6 +87,14 @@ public:
 
     void apiRegist(std::string path, StreamApiHandler handler) override;
     void apiRegist(std::string path, RequestApiHandler handler) override;
+
+    /// Like the stream form of apiRegist, but the route is served without the
+    /// bearer token: for files that hold no secret and must load before a
+    /// browser knows the token. Not part of what plug-ins see.
+    void openRouteRegist(std::string path, StreamApiHandler handler);
+
+    /// Every path registered so far, sorted. Any thread.
+    std::vector<std::string> routePaths() const;
 
 private:
     void registerRoute(std::string path, HttpRoute route);

@@ -1,5 +1,7 @@
 #include "http/HttpRouteTable.h"
 
+#include <algorithm>
+
 namespace vlm {
 
 void HttpRouteTable::set(const std::string& path, HttpRoute route)
@@ -14,6 +16,19 @@ std::shared_ptr<const HttpRoute> HttpRouteTable::find(const std::string& path) c
     std::lock_guard<std::mutex> lock(mutex);
     const auto it = routes.find(path);
     return it == routes.end() ? nullptr : it->second;
+}
+
+std::vector<std::string> HttpRouteTable::paths() const
+{
+    std::vector<std::string> all;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        all.reserve(routes.size());
+        for (const auto& entry : routes)
+            all.push_back(entry.first);
+    }
+    std::sort(all.begin(), all.end());
+    return all;
 }
 
 } // namespace vlm

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "WebApiBasic.h"
 
@@ -13,6 +14,8 @@ namespace vlm {
 struct HttpRoute {
     StreamApiHandler stream;
     RequestApiHandler request;
+    /// Served without the bearer token (the host's static console files).
+    bool open = false;
 };
 
 /// Exact-path map from request path to handler. Registration may happen while
@@ -25,6 +28,9 @@ public:
     /// The route of exactly `path`, or null. The route stays valid for the
     /// caller even when the path is registered again meanwhile.
     std::shared_ptr<const HttpRoute> find(const std::string& path) const;
+
+    /// Every registered path, sorted.
+    std::vector<std::string> paths() const;
 
 private:
     mutable std::mutex mutex;  // guards routes
