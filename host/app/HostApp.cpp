@@ -13,6 +13,7 @@
 #include "app/HealthRoute.h"
 #include "app/PluginWebApi.h"
 #include "app/ServiceLink.h"
+#include "app/console/ConsoleRoute.h"
 
 namespace vlm::host {
 namespace {
@@ -72,6 +73,10 @@ void HostApp::startServices()
         messageBus, [serverView] { return serverView->stopping(); }, config.http.maxBodyBytes);
     busRoute->install(*server);
     installHealthRoute(*server, [this] { return health(); });
+    apiDescription =
+        std::make_unique<ApiDescriptionRoute>(*server, !config.http.bearerToken.empty(), VELMORA_HOST_VERSION);
+    apiDescription->install();
+    installConsoleRoutes(*server);
 
     if (!mqtt->connect())
         logger().warning("mqtt broker %s not reachable yet; retrying in the background", mqtt->serverUri());
@@ -137,6 +142,7 @@ void HostApp::startPlugin(const PluginConfig& plugin)
         return;
     }
     messageBus->attach(loaded.guid, loaded.instance);
+    apiDescription->addPlugin(loaded.name, loaded.guid, *loaded.library);
     setState(loaded.guid, "running");
     logger().information("plug-in %s %s (type %d) started from %s, service %s:%hu", loaded.name, loaded.guid,
                          loaded.type, loaded.libraryPath, plugin.serviceAddress, plugin.servicePort);

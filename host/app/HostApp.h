@@ -18,6 +18,7 @@
 #include "app/HostConfig.h"
 #include "app/MessageBus.h"
 #include "app/PluginLoader.h"
+#include "app/openapi/ApiDescriptionRoute.h"
 #include "http/HttpApiServer.h"
 #include "mqtt/PahoMqttClient.h"
 
@@ -115,6 +116,7 @@ private:
     std::shared_ptr<PahoMqttClient> mqtt;
     std::shared_ptr<MessageBus> messageBus;
     std::unique_ptr<BusTapRoute> busRoute;
+    std::unique_ptr<ApiDescriptionRoute> apiDescription;
     std::shared_ptr<HttpApiServer> server;
 };
 
