@@ -89,7 +89,7 @@ public:
         return matching;
     }
     bool waitForCalls(const std::string& name, size_t count,
-                      std::chrono::milliseconds limit = std::chrono::seconds(5)) const
+                      std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, limit, [&] {

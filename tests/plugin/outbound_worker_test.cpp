@@ -82,11 +82,12 @@ TEST(OutboundWorker, TheLastOwnerMayBeATaskOnTheWorkerItself)
         }
     };
     std::promise<void> released;
+    std::promise<void> go;
     auto worker = std::make_shared<vlm::OutboundWorker>();
     std::shared_ptr<LastOwner> owner(new LastOwner{worker, &released});
-    vlm::OutboundWorker* raw = worker.get();
-    worker.reset();
-    raw->post([owner = std::move(owner)] {});
+    worker->post([owner = std::move(owner), started = go.get_future().share()] { started.wait(); });
+    worker.reset();  // from here on the queued task holds the last reference
+    go.set_value();
     EXPECT_EQ(released.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
 
