@@ -160,6 +160,8 @@ The Velmora gateway is running:
   pilot-sim     127.0.0.1:$sim_port   (log: $work/pilot-sim.log)
   MQTT broker   $mqtt_uri
   configuration $work/velmora-host.json
+  console       $base/host/console   (open it in a browser)
+  API           $base/host/openapi.json   (OpenAPI 3 description)
 
 Try, in another terminal:
   curl -s$auth_text $base/host/health
