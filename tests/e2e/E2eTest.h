@@ -1,5 +1,8 @@
 #pragma once
 
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <iostream>
 
 #include <gtest/gtest.h>
@@ -27,8 +30,21 @@ protected:
         }
     }
 
+    /// Every scenario ends with an orderly stop of the host, which must still
+    /// work, and a look for sanitizer reports in what it wrote.
     void TearDown() override
     {
+        if (stack.host && stack.host->running()) {
+            stack.host->signal(SIGTERM);
+            const auto status = stack.host->waitExit(std::chrono::seconds(10));
+            EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+                << "velmora-host did not stop cleanly after the test";
+        }
+        if (stack.host) {
+            const std::string output = stack.host->output();
+            EXPECT_EQ(output.find("Sanitizer"), std::string::npos);
+            EXPECT_EQ(output.find("runtime error:"), std::string::npos);
+        }
         if (HasFailure())
             std::cout << stack.diagnostics();
     }
