@@ -35,11 +35,13 @@ TEST_F(StopSignalsTest, SigtermBecomesAnOrderlyStopRequest)
 {
     EXPECT_EXIT(
         {
+            int number = 0;
             std::atomic<int> calls{0};
-            StopSignals signals([&] { ++calls; }, std::chrono::seconds(30));
-            ::kill(::getpid(), SIGTERM);
-            const int number = signals.wait();
-            signals.done();
+            {
+                StopSignals signals([&] { ++calls; }, std::chrono::seconds(30));
+                ::kill(::getpid(), SIGTERM);
+                number = signals.wait();
+            }  // joins the watcher before the child exits
             ::_exit(number == SIGTERM && calls.load() == 1 ? 0 : 3);
         },
         ::testing::ExitedWithCode(0), "");
