@@ -114,8 +114,10 @@ test("the page loads without console errors and shows the vehicle connected", ()
 test("the telemetry numbers change within two seconds", () =>
   withDiagnostics(async () => {
     await page.waitForSelector('#telemetry td[data-key="seq"]', { timeout: showBound });
-    const first = await cellText("seq");
+    // The table is read before the sequence cell: should a sample land in
+    // between, the awaited change is then newer than the table read first.
     const firstTable = await page.locator("#telemetry").textContent();
+    const first = await cellText("seq");
     await page.waitForFunction(
       (seen) => document.querySelector('#telemetry td[data-key="seq"]').textContent !== seen,
       first,
