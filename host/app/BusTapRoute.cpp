@@ -109,10 +109,10 @@ void BusTapRoute::inject(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPS
         // What is left of the body is unread; the connection cannot carry another request.
         response.setKeepAlive(false);
         if (body.status == RequestText::Status::tooLarge)
-            sendError(response, Status::HTTP_REQUEST_ENTITY_TOO_LARGE,
+            sendJsonError(response, Status::HTTP_REQUEST_ENTITY_TOO_LARGE,
                       "bus message larger than " + std::to_string(maxBodyBytes) + " bytes");
         else
-            sendError(response, Status::HTTP_BAD_REQUEST, "bus message could not be read");
+            sendJsonError(response, Status::HTTP_BAD_REQUEST, "bus message could not be read");
         return;
     }
 
@@ -122,29 +122,29 @@ void BusTapRoute::inject(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPS
         if (parsed.type() == typeid(Poco::JSON::Object::Ptr))
             message = parsed.extract<Poco::JSON::Object::Ptr>();
     } catch (const Poco::Exception& e) {
-        sendError(response, Status::HTTP_BAD_REQUEST, "bus message is not JSON: " + e.displayText());
+        sendJsonError(response, Status::HTTP_BAD_REQUEST, "bus message is not JSON: " + e.displayText());
         return;
     }
     if (!message) {
-        sendError(response, Status::HTTP_BAD_REQUEST, "bus message must be a JSON object");
+        sendJsonError(response, Status::HTTP_BAD_REQUEST, "bus message must be a JSON object");
         return;
     }
     if (!message->isArray("to") || busReceivers(*message).empty()) {
-        sendError(response, Status::HTTP_BAD_REQUEST, "bus message needs a \"to\" list of receiver GUIDs");
+        sendJsonError(response, Status::HTTP_BAD_REQUEST, "bus message needs a \"to\" list of receiver GUIDs");
         return;
     }
 
     const std::string origin = "http " + request.clientAddress().toString();
     const std::uint64_t seq = bus->post(body.text, origin);
     if (seq == 0) {
-        sendError(response, Status::HTTP_SERVICE_UNAVAILABLE, "the bus refused the message (full or stopping)");
+        sendJsonError(response, Status::HTTP_SERVICE_UNAVAILABLE, "the bus refused the message (full or stopping)");
         return;
     }
     Poco::JSON::Object answer;
     answer.set("code", 0);
     answer.set("msg", "queued");
     answer.set("seq", seq);
-    sendJson(response, Status::HTTP_ACCEPTED, answer);
+    sendJsonReply(response, Status::HTTP_ACCEPTED, answer);
 }
 
 } // namespace vlm::host

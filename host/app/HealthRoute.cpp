@@ -15,7 +15,7 @@ void installHealthRoute(WebApiBasic& server, std::function<Poco::JSON::Object::P
             sendMethodNotAllowed(response, "GET");
             return;
         }
-        sendJson(response, Poco::Net::HTTPResponse::HTTP_OK, *report());
+        sendJsonReply(response, Poco::Net::HTTPResponse::HTTP_OK, *report());
     }));
 }
 

@@ -6,30 +6,10 @@
 
 namespace vlm::host {
 
-void sendJson(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
-              const Poco::JSON::Object& object)
-{
-    const std::string text = jsonToString(object);
-    response.setStatusAndReason(status);
-    response.setContentType("application/json");
-    // A whole answer goes with its length, so the connection can be kept.
-    response.setChunkedTransferEncoding(false);
-    response.sendBuffer(text.data(), text.size());
-}
-
-void sendError(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
-               const std::string& text)
-{
-    Poco::JSON::Object error;
-    error.set("code", static_cast<int>(status));
-    error.set("msg", text);
-    sendJson(response, status, error);
-}
-
 void sendMethodNotAllowed(Poco::Net::HTTPServerResponse& response, const std::string& allowed)
 {
     response.set("Allow", allowed);
-    sendError(response, Poco::Net::HTTPResponse::HTTP_METHOD_NOT_ALLOWED, "allowed methods: " + allowed);
+    sendJsonError(response, Poco::Net::HTTPResponse::HTTP_METHOD_NOT_ALLOWED, "allowed methods: " + allowed);
 }
 
 RequestText readRequestText(Poco::Net::HTTPServerRequest& request, std::size_t maxBytes)

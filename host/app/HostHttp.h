@@ -12,18 +12,15 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
 
+#include "http/HttpJsonReply.h"
+
 namespace vlm::host {
 
 /// Prefix of every path the host serves itself; plug-ins may not register under it.
 inline constexpr const char* hostPathPrefix = "/host/";
 
-/// Sends `object` as the whole application/json answer with a length.
-void sendJson(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
-              const Poco::JSON::Object& object);
-
-/// Sends {"code": <status>, "msg": <text>}, the form of the server's own errors.
-void sendError(Poco::Net::HTTPServerResponse& response, Poco::Net::HTTPResponse::HTTPStatus status,
-               const std::string& text);
+// JSON answers and errors are the server's own (http/HttpJsonReply.h):
+// vlm::sendJsonReply and vlm::sendJsonError.
 
 /// Answers 405 naming the allowed methods.
 void sendMethodNotAllowed(Poco::Net::HTTPServerResponse& response, const std::string& allowed);

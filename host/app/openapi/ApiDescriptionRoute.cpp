@@ -30,7 +30,7 @@ void ApiDescriptionRoute::install()
             sendMethodNotAllowed(response, "GET");
             return;
         }
-        sendJson(response, Poco::Net::HTTPResponse::HTTP_OK, *document());
+        sendJsonReply(response, Poco::Net::HTTPResponse::HTTP_OK, *document());
     }));
 }
 
