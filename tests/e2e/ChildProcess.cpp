@@ -1,9 +1,9 @@
 #include "e2e/ChildProcess.h"
 
+#include "support/SpawnLogged.h"
+
 #include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,34 +23,7 @@ constexpr auto pollPause = std::chrono::milliseconds(20);
 
 ChildProcess::ChildProcess(std::vector<std::string> args, std::string log) : logPath(std::move(log))
 {
-    if (args.empty() || args.front().empty())
-        throw std::runtime_error("no program to start");
-    std::vector<char*> argv;
-    for (auto& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-
-    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (logFd < 0)
-        throw std::runtime_error("cannot open " + logPath);
-    const pid_t parent = ::getpid();
-    child = ::fork();
-    if (child == 0) {
-        // Only async-signal-safe calls from here to exec: the test has threads.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent)
-            ::_exit(127);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::dup2(logFd, STDOUT_FILENO);
-        ::dup2(logFd, STDERR_FILENO);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(logFd);
-    if (child < 0)
-        throw std::runtime_error("fork failed for " + args.front());
+    child = test::spawnLogged(args, logPath, true);
 }
 
 ChildProcess::~ChildProcess()

@@ -1,8 +1,8 @@
 #include "support/MosquittoBroker.h"
 
-#include <fcntl.h>
+#include "support/SpawnLogged.h"
+
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,48 +32,6 @@ int pickFreePort()
     const int port = probe.address().port();
     probe.close();
     return port;
-}
-
-// Runs a child with its output appended to `logPath`. Only async-signal-safe
-// calls happen between fork and exec, because the test process has threads.
-pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPath, bool dieWithParentThread)
-{
-    std::vector<char*> argv;
-    for (const auto& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-
-    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (logFd < 0)
-        throw std::runtime_error("cannot open " + logPath);
-    const pid_t parent = ::getpid();
-    const long maxFd = ::sysconf(_SC_OPEN_MAX);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        if (dieWithParentThread) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (::getppid() != parent)
-                ::_exit(127);
-        }
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::dup2(logFd, STDOUT_FILENO);
-        ::dup2(logFd, STDERR_FILENO);
-        // Sockets of the test process (a service's listener, say) must not
-        // live on in the broker: an inherited listener keeps accepting
-        // connections after the test closed it.
-        if (::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
-            for (long fd = STDERR_FILENO + 1; fd < maxFd; ++fd)
-                ::close(static_cast<int>(fd));
-        }
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(logFd);
-    if (pid < 0)
-        throw std::runtime_error("fork failed for " + args.front());
-    return pid;
 }
 
 // Reaps `pid` if it has exited within the bound; true when it is gone.
