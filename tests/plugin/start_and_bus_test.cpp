@@ -1,5 +1,6 @@
 #include <regex>
 #include <set>
+#include <thread>
 
 #include "PluginFixture.h"
 #include "ScriptedService.h"
@@ -70,9 +71,14 @@ TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
     EXPECT_EQ(state().getPilotId(), "UAV-1");
     EXPECT_TRUE(state().localMqtt);
 
-    // 28 topics, in the order registered.
+    // 28 topics, in the order registered. The service records a connection's
+    // subscriptions a moment after the frame itself, so wait on that record.
     ASSERT_TRUE(waitForSubscriptions(28));
     auto topics = subscribedTopics();
+    for (int i = 0; i < 500 && topics.size() < 28; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        topics = subscribedTopics();
+    }
     ASSERT_GE(topics.size(), 28u);
     std::set<std::string> distinct(topics.begin(), topics.end());
     EXPECT_EQ(distinct.size(), 28u);
