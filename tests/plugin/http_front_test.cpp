@@ -2,6 +2,7 @@
 
 #include "FrontsFixture.h"
 #include "host/HttpTestClient.h"
+#include "rpc/function_id.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -105,8 +106,17 @@ TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
     service.service.withhold_answers("telementry");
     // Answers that never come are bounded by the plug-in's stop: the caller is
     // released with an error instead of waiting ten minutes.
+    // A withheld call never reaches the recording handler: watch for its frame.
     std::thread stopper([this] {
-        service.waitForCalls("telementry", 1);
+        const uint32_t forwarded = pilot_rpc::function_id("telementry");
+        service.service.wait_for_frames(
+            [forwarded](const std::vector<pilot_rpc::received_frame>& frames) {
+                for (const auto& f : frames)
+                    if (f.frame_type == 0 && f.func_id == forwarded)
+                        return true;
+                return false;
+            },
+            std::chrono::seconds(5));
         plugin->stop();
     });
     const auto answer = call("getConfig");
