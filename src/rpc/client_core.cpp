@@ -97,6 +97,7 @@ void client_core::stop_on_io_thread()
     heartbeat_timer_.cancel();
     // A connect attempt still in flight would keep the context busy until the
     // OS gives up on it.
+    stop_sending_now();
     std::error_code ignored;
     socket_.close(ignored);
 }
@@ -221,6 +222,10 @@ void client_core::on_connect(const std::error_code& result, std::uint64_t socket
         // Frames are small and a caller usually waits for the answer.
         std::error_code ignored;
         socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+        {
+            std::lock_guard<std::mutex> lock(write_mutex_);
+            send_now_fd_ = socket_.native_handle();
+        }
         start_read();
         for (const auto& [topic, token] : subscriptions_.replay_list())
             send_subscribe(topic, token);
@@ -236,6 +241,7 @@ void client_core::on_connect(const std::error_code& result, std::uint64_t socket
         // Closed for good until the next connect(). A socket whose connect
         // failed refuses the next attempt once more, so that attempt gets a
         // fresh one.
+        stop_sending_now();
         std::error_code ignored;
         socket_.close(ignored);
         return;
@@ -248,6 +254,7 @@ void client_core::on_connect(const std::error_code& result, std::uint64_t socket
 
 void client_core::reset_socket()
 {
+    stop_sending_now();
     std::error_code ec;
     socket_.close(ec);
     socket_ = asio::ip::tcp::socket(io_);
@@ -308,6 +315,7 @@ void client_core::close(bool)
 {
     if (!connected_.exchange(false))
         return;
+    stop_sending_now();
     std::error_code ignored;
     socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
     socket_.close(ignored);

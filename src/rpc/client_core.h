@@ -68,6 +68,7 @@ struct outgoing_message {
     msgpack::sbuffer body{0};
     std::uint32_t func_id = 0;
     header_bytes header{};  ///< filled when the frame is handed to the socket
+    std::size_t sent = 0;   ///< header and body bytes already on the wire
 };
 
 class client_core {
@@ -125,6 +126,8 @@ private:
 
     // Sending: `write` from any thread, the rest on the I/O thread.
     void write(outgoing_message message);
+    bool send_now(outgoing_message& message);
+    void stop_sending_now();
     void write_front();
     void on_write(const std::error_code& ec, std::uint64_t outbox_generation, std::size_t frames);
     std::uint32_t cached_function_id(std::string_view name);
@@ -166,10 +169,14 @@ private:
     std::condition_variable pause_cv_;
     std::uint64_t socket_generation_ = 0;  ///< I/O thread only; bumped whenever the socket is replaced
 
-    mutable std::mutex write_mutex_;  ///< guards outbox_, write_in_flight_, outbox_generation_
+    mutable std::mutex write_mutex_;  ///< guards outbox_, write_in_flight_, outbox_generation_, send_now_fd_
     std::deque<outgoing_message> outbox_;
     bool write_in_flight_ = false;
     std::uint64_t outbox_generation_ = 0;  ///< bumped when close() empties the outbox
+    /// The connected socket's descriptor while callers may send on it
+    /// themselves, else -1. Cleared under write_mutex_ before the socket is
+    /// closed or replaced, so no caller ever sends on a closed or reused one.
+    int send_now_fd_ = -1;
     std::uint32_t write_size_ = 0;         ///< I/O thread only; body bytes of the write under way
     std::vector<asio::const_buffer> write_buffers_;  ///< I/O thread only
 

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "raw_peer.h"
+#include "rpc/codec.h"
 #include "rpc/frame.h"
+#include "rpc/function_id.h"
 #include "rpc/rpc_client.h"
 #include "rpc_test_support.h"
 
@@ -76,6 +78,26 @@ TEST_F(ClientWire, IdsOfBothKindsCountFromOneAndCallbackIdsSetBit63)
     ASSERT_TRUE(bytes);
     EXPECT_EQ(bytes->substr(42, 34), header_of(0, 14, 0x8000000000000001ULL, 0xCF15697B) + first_body);
     EXPECT_EQ(bytes->substr(76, 20), header_of(0, 2, 0x8000000000000002ULL, 0xCF15697B));
+}
+
+TEST_F(ClientWire, FrameTheSocketCannotTakeAtOnceIsFinishedInOrderBeforeLaterFrames)
+{
+    // The peer reads nothing yet, so a 4 MB frame only partly fits into the
+    // socket: the caller's own send takes the first part, the I/O thread must
+    // send the rest from where it stopped, and the next frame must wait.
+    const std::string big(4u << 20, 'x');
+    client.call_future("big", big);
+    EXPECT_EQ(client.outbox_size(), 1u);
+    client.call_future("small", 7);
+    EXPECT_EQ(client.outbox_size(), 2u);
+
+    const msgpack::sbuffer big_body = pack_args(big);
+    const std::string expected = header_of(0, static_cast<std::uint32_t>(big_body.size()), 1, function_id("big")) +
+                                 std::string(big_body.data(), big_body.size()) +
+                                 header_of(0, 2, 2, function_id("small")) + std::string("\x91\x07", 2);
+    const auto bytes = peer.read_exact(expected.size(), 10s);
+    ASSERT_TRUE(bytes);
+    EXPECT_TRUE(*bytes == expected) << "the two frames arrived altered or interleaved";
 }
 
 }  // namespace
