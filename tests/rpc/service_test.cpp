@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/write.hpp>
@@ -97,6 +101,35 @@ TEST_F(RpcService, ClosesAConnectionThatSendsAnOversizeBody)
     asio::write(raw, asio::buffer(bytes));
     EXPECT_TRUE(service.wait_for_no_connections(3s));
     EXPECT_TRUE(service.frames().empty());
+}
+
+TEST_F(RpcService, StopWhileOtherThreadsActOnItLetsEveryOneReturn)
+{
+    // Tasks that got in before stop() run; the ones after it are refused.
+    // None of them may be left waiting for a thread that has ended.
+    std::atomic<int> ran{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> actors;
+    for (int t = 0; t < 3; ++t)
+        actors.emplace_back([&] {
+            while (!go.load())
+                std::this_thread::yield();
+            for (int i = 0; i < 2000; ++i) {
+                service.execute([&] { ran.fetch_add(1); });
+                service.publish("topic", "data");
+            }
+        });
+    go.store(true);
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (ran.load() < 50 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_GE(ran.load(), 50);
+    service.stop();
+    for (auto& actor : actors)
+        actor.join();
+    const int after_stop = ran.load();
+    service.execute([&] { ran.fetch_add(1); });
+    EXPECT_EQ(ran.load(), after_stop);
 }
 
 }  // namespace

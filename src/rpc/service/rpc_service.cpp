@@ -91,7 +91,8 @@ private:
     asio::io_context io_;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_;
     std::thread thread_;
-    std::atomic<bool> running_{false};
+    std::mutex post_mutex_;  ///< orders tasks posted from other threads against stop()
+    std::atomic<bool> running_{false};  ///< written under post_mutex_
 
     asio::ip::tcp::acceptor acceptor_;                                          ///< I/O thread only
     std::map<std::uint64_t, std::shared_ptr<service_connection>> connections_;  ///< I/O thread only
@@ -110,11 +111,17 @@ R rpc_service::engine::on_io(std::function<R()> task)
 {
     if (io_.get_executor().running_in_this_thread())
         return task();
-    if (!running_.load())
-        return R();
     std::packaged_task<R()> packaged(std::move(task));
     std::future<R> result = packaged.get_future();
-    asio::post(io_, [&packaged] { packaged(); });
+    {
+        // Checked and posted under the lock with which stop() shuts the door:
+        // a task that gets in is queued ahead of stop()'s own and so runs
+        // before the thread ends, instead of waiting for it forever.
+        std::lock_guard<std::mutex> lock(post_mutex_);
+        if (!running_.load())
+            return R();
+        asio::post(io_, [&packaged] { packaged(); });
+    }
     return result.get();
 }
 
@@ -135,7 +142,10 @@ unsigned short rpc_service::engine::start(const asio::ip::address& address, unsi
     port.store(acceptor_.local_endpoint().port());
     accept_next();
     work_.emplace(asio::make_work_guard(io_));
-    running_.store(true);
+    {
+        std::lock_guard<std::mutex> lock(post_mutex_);
+        running_.store(true);
+    }
     thread_ = std::thread([this] {
         for (;;) {
             try {
@@ -151,18 +161,23 @@ unsigned short rpc_service::engine::start(const asio::ip::address& address, unsi
 
 void rpc_service::engine::stop()
 {
-    if (!running_.load())
-        return;
-    on_io<bool>([this] {
-        std::error_code ignored;
-        acceptor_.close(ignored);
-        close_all();
-        for (const auto& timer : delayed_)
-            timer->cancel();
-        delayed_.clear();
-        return true;
-    });
-    running_.store(false);
+    std::promise<void> closed;
+    std::future<void> done = closed.get_future();
+    {
+        std::lock_guard<std::mutex> lock(post_mutex_);
+        if (!running_.exchange(false))
+            return;
+        asio::post(io_, [this, &closed] {
+            std::error_code ignored;
+            acceptor_.close(ignored);
+            close_all();
+            for (const auto& timer : delayed_)
+                timer->cancel();
+            delayed_.clear();
+            closed.set_value();
+        });
+    }
+    done.wait();
     work_.reset();
     io_.stop();
     if (thread_.joinable())
