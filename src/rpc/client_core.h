@@ -125,7 +125,8 @@ private:
     void arm_heartbeat();
 
     // Sending: `write` from any thread, the rest on the I/O thread.
-    void write(outgoing_message message);
+    enum class send_mode { queued, from_caller };
+    void write(outgoing_message message, send_mode mode = send_mode::queued);
     bool send_now(outgoing_message& message);
     void stop_sending_now();
     void write_front();
@@ -196,6 +197,11 @@ private:
 
     frame_reader reader_{peer_role::client};  ///< I/O thread only
     subscription_registry subscriptions_;
+    // Publications mostly repeat one topic: its handler is kept at hand so a
+    // stream of them skips the registry's lock. Safe because a registered
+    // handler is never replaced. I/O thread only.
+    std::string last_topic_;
+    std::shared_ptr<const topic_handler> last_handler_;
 };
 
 }  // namespace pilot_rpc

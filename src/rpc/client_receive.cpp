@@ -174,10 +174,14 @@ void client_core::deliver_publication(std::string_view body)
 {
     try {
         const publication event = unpack_publication(body);
-        const std::shared_ptr<const topic_handler> handler = subscriptions_.find(event.topic);
-        if (!handler)
-            return;
-        (*handler)(event.data);
+        if (!last_handler_ || event.topic != last_topic_) {
+            std::shared_ptr<const topic_handler> handler = subscriptions_.find(event.topic);
+            if (!handler)
+                return;
+            last_topic_.assign(event.topic);
+            last_handler_ = std::move(handler);
+        }
+        (*last_handler_)(event.data);
     } catch (...) {
         // Decoding failures and whatever the handler lets escape. The link
         // stays flagged connected on this path, so the reconnect started by

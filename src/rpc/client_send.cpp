@@ -17,19 +17,21 @@
 
 namespace pilot_rpc {
 
-void client_core::write(outgoing_message message)
+void client_core::write(outgoing_message message, send_mode mode)
 {
     bool start = false;
     {
         std::lock_guard<std::mutex> lock(write_mutex_);
-        // Nothing queued and nothing on the wire: the frame goes out from the
-        // caller's thread, sparing a caller that then waits for the answer a
-        // hand-off to the I/O thread and back. Order holds, as nothing is
-        // ahead of it. What the socket does not take at once (a full send
-        // buffer, an error) queues as usual, and the I/O thread's write sends
-        // the rest or meets the same error on the usual path.
-        if (outbox_.empty() && !write_in_flight_ && send_now_fd_ >= 0 && connected_.load() &&
-            send_now(message))
+        // A caller that waits for the answer gains from sending the frame
+        // itself when nothing is queued or on the wire: it spares the round
+        // through the I/O thread. Order holds, as nothing is ahead of it.
+        // What the socket does not take at once (a full send buffer, an
+        // error) queues as usual, and the I/O thread's write sends the rest
+        // or meets the same error on the usual path. Other frames go through
+        // the I/O thread, which gathers whatever queued meanwhile into one
+        // write: that is what keeps pipelined callback calls fast.
+        if (mode == send_mode::from_caller && outbox_.empty() && !write_in_flight_ && send_now_fd_ >= 0 &&
+            connected_.load() && send_now(message))
             return;
         outbox_.push_back(std::move(message));
         start = outbox_.size() == 1;
@@ -191,7 +193,7 @@ std::uint64_t client_core::send_future_call(std::string_view rpc_name, msgpack::
         id = ++future_id_;
         future_map_.emplace(id, std::move(promise));
     }
-    write(outgoing_message{id, call_frame, std::move(body), cached_function_id(rpc_name)});
+    write(outgoing_message{id, call_frame, std::move(body), cached_function_id(rpc_name)}, send_mode::from_caller);
     return id;
 }
 

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <utility>
+
 #include <asio/error.hpp>
 
 #include "rpc/codec.h"
@@ -138,6 +141,31 @@ TEST_F(ClientReceive, PublicationForAnUnknownTopicIsDroppedAndReadingGoesOn)
     ASSERT_TRUE(got.ready_within(3s));
     EXPECT_EQ(got.future.get(), "y");
     EXPECT_FALSE(first_error(0ms));
+}
+
+TEST_F(ClientReceive, InterleavedTopicsEachReachTheirOwnHandler)
+{
+    std::mutex mutex;
+    std::string seen;  // handler letter and data, in delivery order
+    client.subscribe("a", [&](std::string_view data) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen += "a" + std::string(data);
+    });
+    client.subscribe("b", [&](std::string_view data) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen += "b" + std::string(data);
+    });
+    ASSERT_TRUE(wait_until([&] { return service.subscriptions(connection).size() == 2; }));
+    for (const auto& [topic, data] : {std::pair{"a", "1"}, {"b", "2"}, {"b", "3"}, {"zz", "4"}, {"a", "5"}}) {
+        const msgpack::sbuffer body = pack_publication(0, topic, data);
+        send_header(topic_frame, static_cast<std::uint32_t>(body.size()), 0, std::string(body.data(), body.size()));
+    }
+    EXPECT_TRUE(wait_until([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seen.size() >= 8;
+    }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(seen, "a1b2b3a5");
 }
 
 TEST_F(ClientReceive, MalformedPublicationRunsTheErrorRoutineButStaysConnected)
