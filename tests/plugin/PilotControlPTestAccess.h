@@ -1,5 +1,9 @@
 #pragma once
 
+#include <chrono>
+#include <future>
+#include <memory>
+
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
 
@@ -28,6 +32,16 @@ public:
     static unsigned int linkTypeOf(PilotControlP& p, const Poco::JSON::Object& request)
     {
         return p.getLinkType(request);
+    }
+    /// Waits until the outbound worker has run everything queued so far, so
+    /// that no task still reaches into a test's recorders after it ends.
+    static bool drainOutbound(PilotControlP& p, std::chrono::milliseconds limit)
+    {
+        auto done = std::make_shared<std::promise<void>>();
+        std::future<void> ran = done->get_future();
+        if (!p.impl->outbound.post([done] { done->set_value(); }))
+            return false;
+        return ran.wait_for(limit) == std::future_status::ready;
     }
     static void notifyLinkType(PilotControlP& p, unsigned int linkType) { p.notifyLinkTypeChange(linkType); }
     static void vehicleOnline(PilotControlP& p, const std::string& data) { p.handleVehicleOnlineStatus(data); }

@@ -33,8 +33,11 @@ protected:
 
     void TearDown() override
     {
-        // Work handed to the host pool must not run into the next test.
+        // Work handed to the host pool or the outbound worker must not run
+        // into the next test: a publishing task still calling the bus
+        // recorder of a finished test would write into freed memory.
         ThreadPool::defaultPool().joinAll();
+        EXPECT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));
         plugin.reset();
     }
 
