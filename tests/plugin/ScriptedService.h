@@ -46,6 +46,12 @@ public:
         port = service.start(0);
     }
 
+    // The handlers use the members declared after `service`, which go first:
+    // the service's thread has to end before they do.
+    ~ScriptedService() { service.stop(); }
+    ScriptedService(const ScriptedService&) = delete;
+    ScriptedService& operator=(const ScriptedService&) = delete;
+
     /// The answer a real service gives: the request's api and msgId, swapped
     /// addresses, code 200.
     static std::string standardAnswer(const std::vector<std::string>& args)
