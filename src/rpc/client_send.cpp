@@ -78,6 +78,10 @@ void client_core::stop_sending_now()
 {
     std::lock_guard<std::mutex> lock(write_mutex_);
     send_now_fd_ = -1;
+    // The socket is going: a frame that a caller sent only in part can only
+    // ever be sent again whole, like any frame whose write failed.
+    if (!outbox_.empty())
+        outbox_.front().sent = 0;
 }
 
 namespace {
