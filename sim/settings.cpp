@@ -230,7 +230,8 @@ Poco::JSON::Object::Ptr service_settings::to_json() const
             node = child;
             begin = dot + 1;
         }
-        std::visit([&](const auto& leaf) { node->set(key.substr(begin), leaf); }, v);
+        const std::string leaf_name = key.substr(begin);
+        std::visit([&node, &leaf_name](const auto& leaf) { node->set(leaf_name, leaf); }, v);
     }
     return root;
 }
