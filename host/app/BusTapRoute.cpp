@@ -9,6 +9,7 @@
 
 #include "VelmoraCommon.h"
 #include "app/HostHttp.h"
+#include "http/HttpRequestBody.h"
 
 namespace vlm::host {
 namespace {

@@ -25,15 +25,4 @@ inline constexpr const char* hostPathPrefix = "/host/";
 /// Answers 405 naming the allowed methods.
 void sendMethodNotAllowed(Poco::Net::HTTPServerResponse& response, const std::string& allowed);
 
-/// A request body read in full, or why not.
-struct RequestText {
-    enum class Status { ok, tooLarge, unreadable };
-    Status status = Status::ok;
-    std::string text;
-};
-
-/// Reads the body (Content-Length or chunked; neither means empty), refusing
-/// more than `maxBytes` without reading it all.
-RequestText readRequestText(Poco::Net::HTTPServerRequest& request, std::size_t maxBytes);
-
 } // namespace vlm::host

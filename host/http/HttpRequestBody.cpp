@@ -37,34 +37,44 @@ bool isBlank(const std::string& text)
 
 } // namespace
 
+RequestText readRequestText(Poco::Net::HTTPServerRequest& request, std::size_t maxBytes)
+{
+    RequestText result;
+    if (!hasBody(request))
+        return result;
+    const bool chunked = request.getChunkedTransferEncoding();
+    if (!chunked && request.getContentLength64() > static_cast<Poco::Int64>(maxBytes)) {
+        result.status = RequestText::Status::tooLarge;
+        result.error = "request body of " + std::to_string(request.getContentLength64()) + " bytes exceeds " +
+                       std::to_string(maxBytes);
+        return result;
+    }
+    if (!readUpTo(request.stream(), maxBytes + 1, result.text)) {
+        result.status = RequestText::Status::unreadable;
+        result.error = "request body could not be read";
+    } else if (result.text.size() > maxBytes) {
+        result.status = RequestText::Status::tooLarge;
+        result.error = "request body exceeds " + std::to_string(maxBytes) + " bytes";
+    } else if (!chunked && static_cast<Poco::Int64>(result.text.size()) < request.getContentLength64()) {
+        result.status = RequestText::Status::unreadable;
+        result.error = "request body shorter than its Content-Length";
+    }
+    if (result.status != RequestText::Status::ok)
+        result.text.clear();
+    return result;
+}
+
 JsonBody readJsonBody(Poco::Net::HTTPServerRequest& request, std::size_t maxBytes)
 {
     JsonBody result;
-    std::string text;
-    if (hasBody(request)) {
-        if (!request.getChunkedTransferEncoding() && request.getContentLength64() > static_cast<Poco::Int64>(maxBytes)) {
-            result.status = JsonBody::Status::tooLarge;
-            result.error = "request body of " + std::to_string(request.getContentLength64()) + " bytes exceeds " +
-                           std::to_string(maxBytes);
-            return result;
-        }
-        if (!readUpTo(request.stream(), maxBytes + 1, text)) {
-            result.status = JsonBody::Status::unreadable;
-            result.error = "request body could not be read";
-            return result;
-        }
-        if (text.size() > maxBytes) {
-            result.status = JsonBody::Status::tooLarge;
-            result.error = "request body exceeds " + std::to_string(maxBytes) + " bytes";
-            return result;
-        }
-        if (request.hasContentLength() && !request.getChunkedTransferEncoding() &&
-            static_cast<Poco::Int64>(text.size()) < request.getContentLength64()) {
-            result.status = JsonBody::Status::unreadable;
-            result.error = "request body shorter than its Content-Length";
-            return result;
-        }
+    RequestText body = readRequestText(request, maxBytes);
+    if (body.status != RequestText::Status::ok) {
+        result.status = body.status == RequestText::Status::tooLarge ? JsonBody::Status::tooLarge
+                                                                     : JsonBody::Status::unreadable;
+        result.error = std::move(body.error);
+        return result;
     }
+    const std::string& text = body.text;
     if (isBlank(text)) {
         result.object = new Poco::JSON::Object;
         return result;
