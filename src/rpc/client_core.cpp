@@ -192,13 +192,13 @@ void client_core::start_connect()
     socket_.async_connect(endpoint, [this, generation](const std::error_code& ec) { on_connect(ec, generation); });
 }
 
-bool client_core::connected_to_itself()
+bool client_core::has_real_peer()
 {
     std::error_code local_error;
     std::error_code remote_error;
     const auto local = socket_.local_endpoint(local_error);
     const auto remote = socket_.remote_endpoint(remote_error);
-    return !local_error && !remote_error && local == remote;
+    return !local_error && !remote_error && local != remote;
 }
 
 void client_core::on_connect(const std::error_code& result, std::uint64_t socket_generation)
@@ -211,10 +211,13 @@ void client_core::on_connect(const std::error_code& result, std::uint64_t socket
         return;
 
     std::error_code ec = result;
-    // A loopback connect to a port nobody listens on can pick that very port
-    // as its own source and "succeed" by simultaneous open: the client would
-    // then talk to itself. That is a refused connect.
-    if (!ec && connected_to_itself())
+    // Two ways a connect "succeeds" without a link, both taken as refused:
+    // - a connect() asked for while the retry loop's attempt is in flight
+    //   starts a second attempt on the same socket; when both fail, the
+    //   attempt that reads the socket's one pending error second finds none;
+    // - a loopback connect to a port nobody listens on can pick that very
+    //   port as its own source and connect to itself by simultaneous open.
+    if (!ec && !has_real_peer())
         ec = asio::error::connection_refused;
 
     if (!ec) {

@@ -113,7 +113,7 @@ private:
     // Connection (I/O thread).
     void start_connect();
     void on_connect(const std::error_code& result, std::uint64_t socket_generation);
-    bool connected_to_itself();
+    bool has_real_peer();
     void reset_socket();
     void pause_before_retry();
     void error_routine(const std::error_code& ec);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <system_error>
 
 #include <asio/io_context.hpp>
@@ -95,6 +97,38 @@ TEST_F(ClientConnect, WithoutReconnectionAFailedConnectStaysDown)
     service.resume_listening();
     EXPECT_FALSE(service.wait_for_accepted(1, 1500ms));
     EXPECT_TRUE(client.connect("127.0.0.1", port, false, 3));  // only a new connect restarts
+}
+
+TEST(ClientConnectRefused, ConnectsAskedForDuringRetriesNeverShowALinkThatIsNotThere)
+{
+    // Every connect() starts an attempt of its own, on the socket the retry
+    // loop is already connecting: two attempts then share the socket's one
+    // pending error, and the one that reads it second finds none. Taken for a
+    // link, that shows as "connected" and then as a lost link (the error
+    // callback), which a refused connect never reports.
+    const unsigned short port = refused_port();
+    rpc_client client;
+    client.enable_auto_reconnect();
+    std::atomic<int> lost{0};
+    client.set_error_callback([&](std::error_code) { lost.fetch_add(1); });
+    std::atomic<bool> done{false};
+    std::atomic<int> seen_up{0};
+    std::thread watcher([&] {
+        while (!done.load()) {
+            if (client.has_connected())
+                seen_up.fetch_add(1);
+            std::this_thread::sleep_for(100us);
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    for (int i = 0; i < 2000 && std::chrono::steady_clock::now() < deadline; ++i) {
+        client.connect("127.0.0.1", port, false, 0);
+        std::this_thread::sleep_for(1ms);
+    }
+    done.store(true);
+    watcher.join();
+    EXPECT_EQ(seen_up.load(), 0);
+    EXPECT_EQ(lost.load(), 0);
 }
 
 TEST_F(ClientConnect, HeartbeatOnlyWhileConnected)
