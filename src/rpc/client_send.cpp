@@ -17,6 +17,23 @@
 
 namespace pilot_rpc {
 
+namespace {
+
+// Writes the message's header from its own fields, for whichever thread sends
+// it; returns the body length it carries.
+std::uint32_t fill_header(outgoing_message& message)
+{
+    frame_header header;
+    header.frame_type = message.frame_type;
+    header.body_len = static_cast<std::uint32_t>(message.body.size());
+    header.req_id = message.req_id;
+    header.func_id = message.func_id;
+    message.header = encode_header(header);
+    return header.body_len;
+}
+
+}  // namespace
+
 void client_core::write(outgoing_message message, send_mode mode)
 {
     bool start = false;
@@ -47,12 +64,7 @@ void client_core::write(outgoing_message message, send_mode mode)
 
 bool client_core::send_now(outgoing_message& message)
 {
-    frame_header header;
-    header.frame_type = message.frame_type;
-    header.body_len = static_cast<std::uint32_t>(message.body.size());
-    header.req_id = message.req_id;
-    header.func_id = message.func_id;
-    message.header = encode_header(header);
+    const std::uint32_t body_len = fill_header(message);
 
     // The header and the body in one system call, as the gathered write does.
     std::array<iovec, 2> parts{};
@@ -62,7 +74,7 @@ bool client_core::send_now(outgoing_message& message)
     parts[1].iov_len = message.body.size();
     msghdr msg{};
     msg.msg_iov = parts.data();
-    msg.msg_iovlen = header.body_len == 0 ? 1 : 2;
+    msg.msg_iovlen = body_len == 0 ? 1 : 2;
 
     ssize_t sent = -1;
     do {
@@ -71,7 +83,7 @@ bool client_core::send_now(outgoing_message& message)
     if (sent < 0)
         return false;
     message.sent = static_cast<std::size_t>(sent);
-    return message.sent == header_size + header.body_len;
+    return message.sent == header_size + body_len;
 }
 
 void client_core::stop_sending_now()
@@ -109,21 +121,16 @@ void client_core::write_front()
         // One write in flight, frames in queue order: what is queued now
         // leaves together, the rest after this write completes.
         for (auto it = outbox_.begin(); it != outbox_.end() && frames < frames_per_write; ++it, ++frames) {
-            frame_header header;
-            header.frame_type = it->frame_type;
-            header.body_len = static_cast<std::uint32_t>(it->body.size());
-            header.req_id = it->req_id;
-            header.func_id = it->func_id;
-            it->header = encode_header(header);
+            const std::uint32_t body_len = fill_header(*it);
             // Only a frame that a caller began to send itself has bytes on
             // the wire already; it is then the front one.
             const std::size_t header_done = std::min(it->sent, header_size);
             if (header_done < header_size)
                 write_buffers_.push_back(asio::buffer(it->header) + header_done);
             const std::size_t body_done = it->sent - header_done;
-            if (body_done < header.body_len)
-                write_buffers_.push_back(asio::buffer(it->body.data(), header.body_len) + body_done);
-            body_bytes += header.body_len;
+            if (body_done < body_len)
+                write_buffers_.push_back(asio::buffer(it->body.data(), body_len) + body_done);
+            body_bytes += body_len;
         }
         generation = outbox_generation_;
         write_in_flight_ = true;

@@ -91,8 +91,8 @@ private:
     asio::io_context io_;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_;
     std::thread thread_;
-    std::mutex post_mutex_;  ///< orders tasks posted from other threads against stop()
-    std::atomic<bool> running_{false};  ///< written under post_mutex_
+    std::mutex post_mutex_;  ///< guards running_; orders tasks posted from other threads against stop()
+    bool running_ = false;
 
     asio::ip::tcp::acceptor acceptor_;                                          ///< I/O thread only
     std::map<std::uint64_t, std::shared_ptr<service_connection>> connections_;  ///< I/O thread only
@@ -118,7 +118,7 @@ R rpc_service::engine::on_io(std::function<R()> task)
         // a task that gets in is queued ahead of stop()'s own and so runs
         // before the thread ends, instead of waiting for it forever.
         std::lock_guard<std::mutex> lock(post_mutex_);
-        if (!running_.load())
+        if (!running_)
             return R();
         asio::post(io_, [&packaged] { packaged(); });
     }
@@ -144,7 +144,7 @@ unsigned short rpc_service::engine::start(const asio::ip::address& address, unsi
     work_.emplace(asio::make_work_guard(io_));
     {
         std::lock_guard<std::mutex> lock(post_mutex_);
-        running_.store(true);
+        running_ = true;
     }
     thread_ = std::thread([this] {
         for (;;) {
@@ -165,8 +165,9 @@ void rpc_service::engine::stop()
     std::future<void> done = closed.get_future();
     {
         std::lock_guard<std::mutex> lock(post_mutex_);
-        if (!running_.exchange(false))
+        if (!running_)
             return;
+        running_ = false;
         asio::post(io_, [this, &closed] {
             std::error_code ignored;
             acceptor_.close(ignored);
