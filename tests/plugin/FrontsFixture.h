@@ -32,6 +32,9 @@ protected:
         mqtt = std::make_shared<PahoMqttClient>(options);
         ASSERT_TRUE(mqtt->connect());
         plugin->start(server, mqtt, "127.0.0.1", service.port);
+        // Subscriptions travel on a connection of their own: an event the
+        // service publishes before the last of them arrived would be lost.
+        ASSERT_TRUE(service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::seconds(10)));
     }
 
     void TearDown() override

@@ -60,12 +60,18 @@ TEST_F(RpcService, PublishesOnlyToSubscribersOfTheTopic)
     ASSERT_TRUE(subscriber.connect("127.0.0.1", port, false, 3));
     ASSERT_TRUE(service.wait_for_accepted(1, 3s));
     ASSERT_TRUE(bystander.connect("127.0.0.1", port, false, 3));
+    EXPECT_FALSE(service.wait_for_subscriber("pilotConnect", 50ms));
     subscriber.subscribe("pilotConnect", [&](std::string_view data) { got.promise.set_value(std::string(data)); });
-    ASSERT_TRUE(wait_until([&] { return !service.subscriptions(1).empty(); }));
+    ASSERT_TRUE(service.wait_for_subscriber("pilotConnect", 3s));
     EXPECT_EQ(service.publish("pilotConnect", "{\"a\":1}"), 1u);
     ASSERT_TRUE(got.ready_within(3s));
     EXPECT_EQ(got.future.get(), "{\"a\":1}");
     EXPECT_EQ(service.publish("otherTopic", "x"), 0u);
+
+    // A subscriber that went away no longer counts.
+    subscriber.close();
+    ASSERT_TRUE(wait_until([&] { return service.connections().size() == 1; }));
+    EXPECT_FALSE(service.wait_for_subscriber("pilotConnect", 50ms));
 }
 
 TEST_F(RpcService, RecordsHeartbeatsWithoutAnsweringThem)

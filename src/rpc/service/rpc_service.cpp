@@ -253,18 +253,13 @@ void rpc_service::engine::tell(connection_event event, std::uint64_t connection,
 
 void rpc_service::engine::on_frame(std::uint64_t connection, const frame_view& frame)
 {
-    records.add_frame(received_frame{connection, frame.header.frame_type, frame.header.req_id,
-                                     frame.header.func_id, std::string(frame.body), describe_body(frame.body)});
-
     const std::size_t seen = ++frames_seen_[connection];
     const std::size_t limit = drop_after.load();
-    if (limit != 0 && seen > limit) {
-        if (const auto target = find(connection))
-            target->close();
-        return;
-    }
+    const bool dropped = limit != 0 && seen > limit;
 
-    if (frame.header.frame_type == topic_frame) {
+    // A subscription is in force before its frame is on record, so whoever
+    // waited for the frame can publish to the topic at once.
+    if (!dropped && frame.header.frame_type == topic_frame) {
         try {
             const auto [topic] = unpack_body<std::string>(frame.body);
             subscribed_[connection].insert(topic);
@@ -274,6 +269,13 @@ void rpc_service::engine::on_frame(std::uint64_t connection, const frame_view& f
             std::cerr << "rpc service: bad subscription from connection " << connection << ": " << e.what()
                       << '\n';
         }
+    }
+    records.add_frame(received_frame{connection, frame.header.frame_type, frame.header.req_id,
+                                     frame.header.func_id, std::string(frame.body), describe_body(frame.body)});
+
+    if (dropped) {
+        if (const auto target = find(connection))
+            target->close();
         return;
     }
     // Heartbeats (and anything else without an id) expect no answer.
@@ -485,6 +487,11 @@ bool rpc_service::wait_for_frames(const std::function<bool(const std::vector<rec
                                   std::chrono::milliseconds timeout) const
 {
     return engine_->records.wait_for_frames(done, timeout);
+}
+
+bool rpc_service::wait_for_subscriber(const std::string& topic, std::chrono::milliseconds timeout) const
+{
+    return engine_->records.wait_for_subscriber(topic, timeout);
 }
 
 std::vector<std::string> rpc_service::subscriptions(std::uint64_t connection) const

@@ -139,6 +139,9 @@ public:
                          std::chrono::milliseconds timeout) const;
     /// Topics of the subscription frames of `connection`, in arrival order, repeats included.
     std::vector<std::string> subscriptions(std::uint64_t connection) const;
+    /// Waits until an open connection has subscribed to `topic`; a `publish`
+    /// of that topic from then on reaches it.
+    bool wait_for_subscriber(const std::string& topic, std::chrono::milliseconds timeout) const;
     /// Ids of the open connections, ascending.
     std::vector<std::uint64_t> connections() const;
     /// Connections accepted since start.

@@ -1,5 +1,7 @@
 #include "rpc/service/service_records.h"
 
+#include <algorithm>
+
 namespace pilot_rpc {
 
 void service_records::set_recording(bool record)
@@ -71,6 +73,19 @@ std::vector<std::string> service_records::subscriptions(std::uint64_t connection
     std::lock_guard<std::mutex> lock(mutex_);
     const auto it = subscriptions_.find(connection);
     return it == subscriptions_.end() ? std::vector<std::string>() : it->second;
+}
+
+bool service_records::wait_for_subscriber(const std::string& topic, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        for (const auto connection : open_) {
+            const auto it = subscriptions_.find(connection);
+            if (it != subscriptions_.end() && std::find(it->second.begin(), it->second.end(), topic) != it->second.end())
+                return true;
+        }
+        return false;
+    });
 }
 
 std::vector<std::uint64_t> service_records::open_connections() const

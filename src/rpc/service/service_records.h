@@ -31,6 +31,7 @@ public:
     bool wait_for_frames(const std::function<bool(const std::vector<received_frame>&)>& done,
                          std::chrono::milliseconds timeout) const;
     std::vector<std::string> subscriptions(std::uint64_t connection) const;
+    bool wait_for_subscriber(const std::string& topic, std::chrono::milliseconds timeout) const;
     std::vector<std::uint64_t> open_connections() const;
     std::uint64_t accepted_count() const;
     bool wait_for_accepted(std::uint64_t count, std::chrono::milliseconds timeout) const;
