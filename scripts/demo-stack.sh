@@ -236,4 +236,11 @@ if [ "$failures" -eq 0 ]; then
   exit 0
 fi
 echo "smoke: $failures check(s) failed; logs in $work" >&2
+# The logs go with the machine when this runs in CI: show their ends here.
+[ "$host_status" -eq 0 ] || echo "smoke: velmora-host exited with status $host_status" >&2
+for log in "$work"/*.log "$work"/*.out; do
+  [ -s "$log" ] || continue
+  echo "--- last lines of $(basename "$log")" >&2
+  tail -n 20 "$log" >&2
+done
 exit 1
