@@ -1,14 +1,46 @@
 #include "OutboundWorker.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "uav/PilotControlCommon/PilotControlLog.h"
 
 namespace vlm {
 
-OutboundWorker::OutboundWorker(size_t capacity)
-    : state(std::make_shared<State>(capacity)), thread([s = state] { run(s); })
+namespace {
+
+// Every worker of the process, and the threads of those a task ended.
+struct Workers {
+    std::mutex mutex;  // guards alive, ownerless
+    std::condition_variable changed;
+    size_t alive = 0;
+    std::vector<std::thread> ownerless;
+
+    // Threads nobody joined by the end of the process (the host never
+    // unloaded the library) are let go: destroyed joinable, they would end it.
+    ~Workers()
+    {
+        for (auto& t : ownerless)
+            if (t.joinable())
+                t.detach();
+    }
+};
+
+Workers& workers()
 {
+    static Workers all;
+    return all;
+}
+
+} // namespace
+
+OutboundWorker::OutboundWorker(size_t capacity) : state(std::make_shared<State>(capacity))
+{
+    {
+        std::lock_guard<std::mutex> lock(workers().mutex);
+        ++workers().alive;
+    }
+    thread = std::thread([s = state] { run(s); });
 }
 
 OutboundWorker::~OutboundWorker()
@@ -18,10 +50,32 @@ OutboundWorker::~OutboundWorker()
         state->stopping = true;
     }
     state->wake.notify_all();
-    if (thread.get_id() == std::this_thread::get_id())
-        thread.detach();
-    else if (thread.joinable())
+    const bool onOwnThread = thread.get_id() == std::this_thread::get_id();
+    if (!onOwnThread && thread.joinable())
         thread.join();
+    Workers& all = workers();
+    {
+        std::lock_guard<std::mutex> lock(all.mutex);
+        if (onOwnThread)
+            all.ownerless.push_back(std::move(thread));
+        --all.alive;
+    }
+    all.changed.notify_all();
+}
+
+bool OutboundWorker::joinAllEnded(std::chrono::milliseconds limit)
+{
+    Workers& all = workers();
+    std::vector<std::thread> ended;
+    bool none = false;
+    {
+        std::unique_lock<std::mutex> lock(all.mutex);
+        none = all.changed.wait_for(lock, limit, [&] { return all.alive == 0; });
+        ended.swap(all.ownerless);
+    }
+    for (auto& t : ended)
+        t.join();
+    return none;
 }
 
 bool OutboundWorker::post(std::function<void()> task, bool droppable)

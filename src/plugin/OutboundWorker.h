@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -18,7 +19,8 @@ class OutboundWorker {
 public:
     explicit OutboundWorker(size_t capacity = 4096);
     /// Lets queued tasks finish, then joins; when the last owner is a task on
-    /// the worker thread itself, the thread is detached and ends on its own.
+    /// the worker thread itself, which cannot join itself, the thread is kept
+    /// for `joinAllEnded` to join.
     ~OutboundWorker();
     OutboundWorker(const OutboundWorker&) = delete;
     OutboundWorker& operator=(const OutboundWorker&) = delete;
@@ -30,9 +32,16 @@ public:
     /// Droppable tasks dropped because the queue was full.
     size_t dropped() const;
 
+    /// Waits up to `limit` until no worker exists, then joins the threads
+    /// that ended their own worker. Once it returns true, no worker thread
+    /// runs this library's code: the plug-in's unload calls it, as the host
+    /// may unmap the library next. False when workers still exist at the
+    /// limit (their threads are left as they are).
+    static bool joinAllEnded(std::chrono::milliseconds limit);
+
 private:
-    // Shared with the thread so that a detached thread never touches a
-    // destroyed worker.
+    // Shared with the thread so that a thread outliving its worker (one a
+    // task ended) never touches the destroyed worker.
     struct State {
         explicit State(size_t cap) : capacity(cap) {}
         const size_t capacity;

@@ -1,9 +1,11 @@
 // The five entry points the host looks up by name.
 
+#include "OutboundWorker.h"
 #include "PilotControlP.h"
 #include "VelmoraExport.h"
 #include "VelmoraPlugins.h"
 #include "uav/PilotControlCommon/PilotControlCommon.h"
+#include "uav/PilotControlCommon/PilotControlLog.h"
 
 namespace {
 
@@ -45,6 +47,11 @@ VLM_EXPORT void PluginUnLoad()
 {
     const std::string guid = vlm::pluginGuidString();
     vlm::unregisterPlugin(guid.c_str());
+    // The host may unmap the library next. A plug-in whose last reference a
+    // publishing task dropped ended on that task's thread, which is still
+    // finishing: it must be joined before this returns.
+    if (!vlm::OutboundWorker::joinAllEnded(std::chrono::seconds(5)))
+        PCP_LOG_ERROR("PluginUnLoad: a plug-in instance still exists; its publishing thread keeps running");
 }
 
 } // extern "C"

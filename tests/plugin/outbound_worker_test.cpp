@@ -2,6 +2,7 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -69,26 +70,43 @@ TEST(OutboundWorker, RunsTasksInOrderAndDropsOnlyStaleTelemetryWhenFull)
     EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
 }
 
-TEST(OutboundWorker, TheLastOwnerMayBeATaskOnTheWorkerItself)
+// The plug-in's unload must not return while a worker thread still runs:
+// the host may unmap the library right after it.
+TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
 {
-    // Releases the worker from inside its own task, then says so.
+    using namespace std::chrono_literals;
+    // Set by a thread-local's destructor: the last thing the worker's thread does.
+    static std::atomic<bool> threadEnded{false};
+    struct EndMarker {
+        ~EndMarker() { threadEnded = true; }
+    };
+    // Ends the worker from inside its own task, and lingers, so that a thread
+    // nobody joins would still be running when the test looks.
     struct LastOwner {
         std::shared_ptr<vlm::OutboundWorker> worker;
-        std::promise<void>* released;
         ~LastOwner()
         {
             worker.reset();
-            released->set_value();
+            std::this_thread::sleep_for(200ms);
         }
     };
-    std::promise<void> released;
     std::promise<void> go;
     auto worker = std::make_shared<vlm::OutboundWorker>();
-    std::shared_ptr<LastOwner> owner(new LastOwner{worker, &released});
-    worker->post([owner = std::move(owner), started = go.get_future().share()] { started.wait(); });
+    EXPECT_FALSE(vlm::OutboundWorker::joinAllEnded(20ms));  // a worker exists
+
+    std::shared_ptr<LastOwner> owner(new LastOwner{worker});
+    worker->post([owner = std::move(owner), started = go.get_future().share()] {
+        thread_local EndMarker marker;
+        (void)marker;
+        started.wait();
+    });
     worker.reset();  // from here on the queued task holds the last reference
+    auto unload = std::async(std::launch::async, [] { return vlm::OutboundWorker::joinAllEnded(10s); });
+    EXPECT_EQ(unload.wait_for(100ms), std::future_status::timeout) << "returned while the task held the worker";
     go.set_value();
-    EXPECT_EQ(released.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(unload.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(unload.get());
+    EXPECT_TRUE(threadEnded.load());
 }
 
 } // namespace
