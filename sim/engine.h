@@ -94,6 +94,9 @@ private:
     void on_subscriptions_reported();
     void note_mode();
 
+    // engine_faults.cpp
+    void listen_again();
+
     // engine_events.cpp
     void start_clocks();
     void telemetry_tick();

@@ -81,13 +81,22 @@ void simulator::engine::refuse_connections_for(std::chrono::milliseconds duratio
     scheduler_.cancel("refuse");
     service_.stop_listening();
     log("fault: refusing connections for " + std::to_string(duration.count()) + " ms");
-    scheduler_.after(
-        duration,
-        [this] {
-            service_.resume_listening();
-            log("listening again on port " + std::to_string(service_.port()));
-        },
-        "refuse");
+    scheduler_.after(duration, [this] { listen_again(); }, "refuse");
+}
+
+void simulator::engine::listen_again()
+{
+    try {
+        service_.resume_listening();
+        log("listening again on port " + std::to_string(service_.port()));
+    } catch (const std::exception& e) {
+        // Something else took the port while it was free. Clients know the
+        // simulator by its port, so keep trying for it, as a restarted
+        // service would.
+        log("fault: cannot listen again on port " + std::to_string(service_.port()) + ": " + e.what() +
+            "; trying again in 1 s");
+        scheduler_.after(std::chrono::seconds(1), [this] { listen_again(); }, "refuse");
+    }
 }
 
 std::size_t simulator::engine::send_bad_frame(bad_frame kind)

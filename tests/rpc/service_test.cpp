@@ -95,6 +95,18 @@ TEST_F(RpcService, RefusesConnectionsWhileNotListeningAndResumesOnTheSamePort)
     EXPECT_TRUE(accepted.connect("127.0.0.1", port, false, 3));
 }
 
+TEST(RpcServiceStart, APortInUseThrowsAndTheServiceStartsOnAnotherOne)
+{
+    rpc_service holder;
+    const unsigned short taken = holder.start();
+    rpc_service service;
+    EXPECT_THROW(service.start(taken), std::system_error);
+    const unsigned short port = service.start();
+    EXPECT_NE(port, taken);
+    rpc_client client;
+    EXPECT_TRUE(client.connect("127.0.0.1", port, false, 3));
+}
+
 TEST_F(RpcService, ClosesAConnectionThatSendsAnOversizeBody)
 {
     asio::io_context io;

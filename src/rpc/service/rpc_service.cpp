@@ -129,9 +129,17 @@ void rpc_service::engine::open_acceptor()
 {
     const asio::ip::tcp::endpoint endpoint(address_, port.load());
     acceptor_.open(endpoint.protocol());
-    acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true));
-    acceptor_.bind(endpoint);
-    acceptor_.listen();
+    try {
+        acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true));
+        acceptor_.bind(endpoint);
+        acceptor_.listen();
+    } catch (...) {
+        // Closed again, so that another try (a start on another port, a
+        // later resume) begins from scratch.
+        std::error_code ignored;
+        acceptor_.close(ignored);
+        throw;
+    }
 }
 
 unsigned short rpc_service::engine::start(const asio::ip::address& address, unsigned short wanted)
