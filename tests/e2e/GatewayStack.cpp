@@ -1,4 +1,5 @@
 #include "e2e/GatewayStack.h"
+#include "support/RestartablePort.h"
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -73,7 +74,17 @@ GatewayStack::~GatewayStack()
 void GatewayStack::start()
 {
     broker.start();
-    startSim();
+    // The resilience tests restart the simulator on its port: it must be one
+    // no other socket is handed meanwhile. Another test may pick it too.
+    for (int attempt = 1;; ++attempt) {
+        try {
+            startSim(static_cast<std::uint16_t>(test::pickRestartablePort()));
+            break;
+        } catch (const std::runtime_error&) {
+            if (attempt == 3)
+                throw;
+        }
+    }
     startHost();
 }
 

@@ -15,6 +15,7 @@
 #include "rpc/function_id.h"
 #include "rpc/rpc_client.h"
 #include "rpc/service/rpc_service.h"
+#include "support/RestartablePort.h"
 
 namespace pilot_rpc::test {
 
@@ -57,7 +58,15 @@ protected:
         service.bind("fail", [](const msgpack::object&) { return service_reply::failure(3, "no vehicle"); });
         service.bind("never", [](const msgpack::object&) { return service_reply::success(0); });
         service.withhold_answers("never");
-        port = service.start();
+        // Tests stop and resume listening on this port, so it must be one no
+        // other socket is handed meanwhile. Another test may pick it too.
+        for (int attempt = 0; attempt < 5 && port == 0; ++attempt) {
+            try {
+                port = service.start(static_cast<unsigned short>(vlm::test::pickRestartablePort()));
+            } catch (const std::exception&) {
+            }
+        }
+        ASSERT_NE(port, 0);
     }
 
     /// Frames of one type whose func_id is the id of `name`.

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,7 @@
 
 #include "rpc/rpc_client.h"
 #include "simulator.h"
+#include "support/RestartablePort.h"
 
 namespace pilot_sim::test {
 
@@ -120,6 +122,24 @@ protected:
     {
         sim = std::make_unique<simulator>(std::move(options));
         port = sim->start();
+    }
+
+    /// Starts (or starts again) on a port no other socket is handed while the
+    /// simulator lets it go. Another test may pick the same one: a few tries.
+    void start_on_restartable_port(const simulator_options& options)
+    {
+        for (int attempt = 1;; ++attempt) {
+            simulator_options o = options;
+            o.port = static_cast<unsigned short>(vlm::test::pickRestartablePort());
+            try {
+                sim.reset();
+                start(std::move(o));
+                return;
+            } catch (const std::system_error&) {
+                if (attempt == 3)
+                    throw;
+            }
+        }
     }
 
     std::unique_ptr<pilot_rpc::rpc_client> connected_client()

@@ -1,4 +1,5 @@
 #include "support/MosquittoBroker.h"
+#include "support/RestartablePort.h"
 
 #include "support/SpawnLogged.h"
 
@@ -13,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Timespan.h>
@@ -24,15 +24,6 @@ namespace {
 const char* const brokerPath = "/usr/sbin/mosquitto";
 const char* const passwdToolPath = "/usr/bin/mosquitto_passwd";
 const char* const loopback = "127.0.0.1";
-
-int pickFreePort()
-{
-    Poco::Net::ServerSocket probe;
-    probe.bind(Poco::Net::SocketAddress(loopback, 0), false);
-    const int port = probe.address().port();
-    probe.close();
-    return port;
-}
 
 // Reaps `pid` if it has exited within the bound; true when it is gone.
 bool reapWithin(pid_t pid, std::chrono::milliseconds bound)
@@ -61,7 +52,7 @@ void killAndReap(pid_t pid)
 
 MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options{}) {}
 
-MosquittoBroker::MosquittoBroker(Options opts) : options(std::move(opts)), listenPort(pickFreePort())
+MosquittoBroker::MosquittoBroker(Options opts) : options(std::move(opts)), listenPort(pickRestartablePort())
 {
     if (!options.userName.empty())
         writePasswordFile();
@@ -130,8 +121,7 @@ void MosquittoBroker::start()
 {
     if (running())
         return;
-    // The kernel's free port may be taken by someone else before mosquitto binds
-    // it; only the first start may move to another port, a restart must not.
+    // The free port may be taken by someone else before mosquitto binds it; only the first start may move to another port, a restart must not.
     const int attempts = everStarted ? 1 : 3;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (launch()) {
@@ -139,7 +129,7 @@ void MosquittoBroker::start()
             return;
         }
         if (attempt + 1 < attempts)
-            listenPort = pickFreePort();
+            listenPort = pickRestartablePort();
     }
     throw std::runtime_error("mosquitto did not start on port " + std::to_string(listenPort) + ": " + output());
 }
