@@ -17,3 +17,9 @@ elseif(VELMORA_SANITIZE STREQUAL "thread")
 elseif(NOT VELMORA_SANITIZE STREQUAL "")
   message(FATAL_ERROR "VELMORA_SANITIZE must be '', 'address' or 'thread', not '${VELMORA_SANITIZE}'")
 endif()
+
+# Fuzz builds instrument every target for coverage, so that libFuzzer sees
+# the paths taken inside the libraries a fuzz target drives, not only its own.
+if(VELMORA_BUILD_FUZZ AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -138,7 +138,7 @@ void BusTapRoute::inject(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPS
     const std::string origin = "http " + request.clientAddress().toString();
     const std::uint64_t seq = bus->post(body.text, origin);
     if (seq == 0) {
-        sendJsonError(response, Status::HTTP_SERVICE_UNAVAILABLE, "the bus refused the message (full or stopping)");
+        sendJsonError(response, Status::HTTP_SERVICE_UNAVAILABLE, "the bus refused the message (too large, full or stopping)");
         return;
     }
     Poco::JSON::Object answer;

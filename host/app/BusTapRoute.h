@@ -16,7 +16,8 @@
 //
 // POST delivers the body as if another plug-in had sent it: it must be a JSON
 // object with a "to" list of receiver GUIDs (400 otherwise); the answer is 202
-// with {"code": 0, "msg": "queued", "seq": <n>}, or 503 when the bus refuses.
+// with {"code": 0, "msg": "queued", "seq": <n>}, or 503 when the bus refuses
+// (larger than bus.max_message_bytes, queue full, bus stopping).
 
 #include <chrono>
 #include <cstddef>

@@ -42,7 +42,7 @@ bool serviceAccepts(const std::string& address, std::uint16_t port)
 
 } // namespace
 
-HostApp::HostApp(HostConfig cfg) : config(std::move(cfg)), messageBus(std::make_shared<MessageBus>()) {}
+HostApp::HostApp(HostConfig cfg) : config(std::move(cfg)), messageBus(std::make_shared<MessageBus>(config.bus)) {}
 
 HostApp::~HostApp()
 {
@@ -304,6 +304,11 @@ Poco::JSON::Object::Ptr HostApp::health() const
     bus->set("rejected", counters.rejected);
     bus->set("dropped", counters.dropped);
     bus->set("taps", counters.taps);
+    bus->set("dropped_for_bytes", counters.droppedForBytes);
+    bus->set("oversize", counters.oversize);
+    bus->set("tap_dropped", counters.tapDropped);
+    bus->set("queued", counters.queued);
+    bus->set("queued_bytes", counters.queuedBytes);
 
     report->set("status", degraded ? "degraded" : "ok");
     report->set("uptime_s", uptime.count());

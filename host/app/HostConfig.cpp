@@ -168,6 +168,22 @@ MqttClientOptions readMqtt(const KeyReader& keys, const std::string& configDir)
     return mqtt;
 }
 
+BusOptions readBus(const KeyReader& keys)
+{
+    BusOptions bus;
+    constexpr Poco::Int64 most = Poco::Int64{1} << 40;
+    const auto bytes = [&keys](const char* key, std::size_t fallback) {
+        return static_cast<std::size_t>(keys.number(key, static_cast<Poco::Int64>(fallback), 1, most));
+    };
+    bus.queueByteLimit = bytes("bus.max_queue_bytes", bus.queueByteLimit);
+    bus.messageByteLimit = bytes("bus.max_message_bytes", bus.messageByteLimit);
+    bus.tapQueueByteLimit = bytes("bus.tap_max_queue_bytes", bus.tapQueueByteLimit);
+    if (bus.messageByteLimit > bus.queueByteLimit)
+        throw ConfigError("bus.max_message_bytes", "must not exceed bus.max_queue_bytes (" +
+                                                       std::to_string(bus.queueByteLimit) + ")");
+    return bus;
+}
+
 PluginConfig readPlugin(const Poco::Dynamic::Var& entry, const std::string& key, const std::string& configDir,
                         const std::string& executableLibDir)
 {
@@ -208,6 +224,7 @@ HostConfig parseHostConfig(const Poco::JSON::Object& root, const std::string& pa
 
     config.http = readHttp(keys);
     config.mqtt = readMqtt(keys, configDir);
+    config.bus = readBus(keys);
 
     config.logLevel = keys.text("log.level", config.logLevel);
     if (!isLogLevel(config.logLevel))

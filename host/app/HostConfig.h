@@ -11,6 +11,7 @@
 
 #include <Poco/JSON/Object.h>
 
+#include "app/BusOptions.h"
 #include "http/HttpApiServerOptions.h"
 #include "mqtt/MqttClientOptions.h"
 
@@ -58,6 +59,8 @@ struct HostConfig {
     /// "mqtt.*" and "station.station_sn".
     MqttClientOptions mqtt;
     std::vector<PluginConfig> plugins;
+    /// "bus.*": the byte bounds of the bus queue, of one message and of a tap reader.
+    BusOptions bus;
     /// "log.level": a POCO level name ("error", "warning", "information", "debug", ...).
     std::string logLevel = "information";
     /// "log.file": "console" (standard error) or a file path, relative paths

@@ -36,6 +36,13 @@ void blockStopSignals()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+// Floods are logged at their first message and then every 1000th.
+bool startsLogLine(std::uint64_t countBefore, std::uint64_t countAfter)
+{
+    constexpr std::uint64_t every = 1000;
+    return countBefore == 0 || countAfter / every > countBefore / every;
+}
+
 } // namespace
 
 std::string normalizeGuid(const std::string& guid)
@@ -97,6 +104,7 @@ void MessageBus::stop()
         dropped += left;
         handled += left;
         queue.clear();
+        queuedBytes = 0;
     }
     queueReady.notify_all();
     queueIdle.notify_all();
@@ -133,24 +141,40 @@ void MessageBus::detachAll()
 std::uint64_t MessageBus::post(std::string text, std::string origin) noexcept
 {
     try {
+        const std::size_t size = text.size();
+        if (size > options.messageByteLimit) {
+            refuseOversize(size, origin);
+            return 0;
+        }
         std::uint64_t seq = 0;
+        bool burstStarts = false;
+        std::size_t messagesThen = 0;
+        std::size_t bytesThen = 0;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
+            const bool countFull = queue.size() >= options.queueLimit;
+            const bool bytesFull = queuedBytes + size > options.queueByteLimit;
             if (stopping) {
                 ++dropped;
-            } else if (queue.size() >= options.queueLimit) {
+            } else if (countFull || bytesFull) {
                 ++dropped;
+                if (bytesFull && !countFull)
+                    ++droppedForBytes;
                 ++overflowDrops;
-                if (!overflowing) {
-                    overflowing = true;
-                    logger().error("bus queue full (%z messages): dropping messages, the first from %s",
-                                   options.queueLimit, origin);
-                }
+                burstStarts = !overflowing;
+                overflowing = true;
+                messagesThen = queue.size();
+                bytesThen = queuedBytes;
             } else {
                 seq = nextSeq++;
+                queuedBytes += size;
                 queue.push_back(BusMessage{seq, std::move(text), std::move(origin), true});
             }
         }
+        if (burstStarts)
+            logger().error("bus queue full (%z messages, %z bytes, a message of %z bytes): dropping messages, the "
+                           "first from %s",
+                           messagesThen, bytesThen, size, origin);
         if (seq != 0)
             queueReady.notify_one();
         return seq;
@@ -161,9 +185,17 @@ std::uint64_t MessageBus::post(std::string text, std::string origin) noexcept
     }
 }
 
+void MessageBus::refuseOversize(std::size_t size, const std::string& origin)
+{
+    const std::uint64_t before = oversize.fetch_add(1);
+    if (startsLogLine(before, before + 1))
+        logger().error("bus: refused a message of %z bytes from %s: larger than %z bytes (%s refused so far)", size,
+                       origin, options.messageByteLimit, std::to_string(before + 1));
+}
+
 std::shared_ptr<BusTap> MessageBus::openTap()
 {
-    auto tap = std::make_shared<BusTap>(options.tapQueueLimit);
+    auto tap = std::make_shared<BusTap>(options.tapQueueLimit, options.tapQueueByteLimit);
     bool closed = false;
     {
         std::lock_guard<std::mutex> queueLock(queueMutex);
@@ -193,11 +225,16 @@ MessageBus::Stats MessageBus::stats() const
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         s.posted = nextSeq - 1;
+        s.queued = queue.size();
+        s.queuedBytes = queuedBytes;
     }
     s.delivered = delivered;
     s.unaddressed = unaddressed;
     s.rejected = rejected;
     s.dropped = dropped;
+    s.droppedForBytes = droppedForBytes;
+    s.oversize = oversize;
+    s.tapDropped = tapDropped;
     std::lock_guard<std::mutex> lock(receiversMutex);
     s.taps = taps.size();
     return s;
@@ -220,7 +257,8 @@ void MessageBus::run()
                 return;
             message = std::move(queue.front());
             queue.pop_front();
-            if (overflowing && queue.size() <= options.queueLimit / 2) {
+            queuedBytes -= message.text.size();
+            if (overflowing && queue.size() <= options.queueLimit / 2 && queuedBytes <= options.queueByteLimit / 2) {
                 overflowing = false;
                 logger().warning("bus queue has room again after dropping %s message(s)",
                                  std::to_string(overflowDrops));
@@ -236,9 +274,23 @@ void MessageBus::run()
     }
 }
 
-void MessageBus::handle(const BusMessage& incoming)
+void MessageBus::offerToTaps(const std::vector<std::shared_ptr<BusTap>>& tapsNow, const BusMessage& message)
 {
-    BusMessage message = incoming;
+    for (const auto& tap : tapsNow) {
+        const BusTap::Offered offered = tap->offer(message);
+        if (offered.dropped == 0)
+            continue;
+        tapDropped += offered.dropped;
+        if (startsLogLine(offered.droppedTotal - offered.dropped, offered.droppedTotal))
+            logger().warning("bus tap reader behind (at most %z messages, %z bytes): %s message(s) dropped for it "
+                             "so far, the last of %z bytes",
+                             options.tapQueueLimit, options.tapQueueByteLimit, std::to_string(offered.droppedTotal),
+                             message.text.size());
+    }
+}
+
+void MessageBus::handle(BusMessage& message)
+{
     Poco::JSON::Object::Ptr object;
     std::string problem;
     try {
@@ -259,8 +311,7 @@ void MessageBus::handle(const BusMessage& incoming)
         receiversNow = receivers;
         tapsNow = taps;
     }
-    for (const auto& tap : tapsNow)
-        tap->offer(message);
+    offerToTaps(tapsNow, message);
 
     if (!object) {
         ++rejected;

@@ -29,6 +29,7 @@
 #include <Poco/JSON/Object.h>
 
 #include "PluginBase.h"
+#include "app/BusOptions.h"
 #include "app/BusTap.h"
 
 namespace vlm::host {
@@ -43,20 +44,20 @@ std::set<std::string> busReceivers(const Poco::JSON::Object& message);
 
 class MessageBus {
 public:
-    struct Options {
-        /// Messages waiting for the bus thread; beyond it post() refuses.
-        std::size_t queueLimit = 10000;
-        /// Messages a tap reader may fall behind before the oldest are dropped.
-        std::size_t tapQueueLimit = 1000;
-    };
+    using Options = BusOptions;
 
     struct Stats {
-        std::uint64_t posted = 0;     ///< accepted by post()
-        std::uint64_t delivered = 0;  ///< pushMessage calls made
-        std::uint64_t unaddressed = 0;///< well-formed, but no attached plug-in was named
-        std::uint64_t rejected = 0;   ///< not a JSON object; logged, delivered to no one
-        std::uint64_t dropped = 0;    ///< refused because the queue was full or the bus stopped
-        std::size_t taps = 0;         ///< tap readers open now
+        std::uint64_t posted = 0;          ///< accepted by post()
+        std::uint64_t delivered = 0;       ///< pushMessage calls made
+        std::uint64_t unaddressed = 0;     ///< well-formed, but no attached plug-in was named
+        std::uint64_t rejected = 0;        ///< not a JSON object; logged, delivered to no one
+        std::uint64_t dropped = 0;         ///< refused because the queue was full or the bus stopped
+        std::uint64_t droppedForBytes = 0; ///< of `dropped`: the queue's byte budget was full
+        std::uint64_t oversize = 0;        ///< refused as larger than messageByteLimit (not in `dropped`)
+        std::uint64_t tapDropped = 0;      ///< messages tap readers missed because they fell behind
+        std::size_t queued = 0;            ///< messages waiting for the bus thread now
+        std::size_t queuedBytes = 0;       ///< bytes of their text
+        std::size_t taps = 0;              ///< tap readers open now
     };
 
     explicit MessageBus(Options options);
@@ -81,9 +82,10 @@ public:
     void detachAll();
 
     /// Queues a message for delivery. Returns its sequence number, or 0 when
-    /// the queue is full or the bus stopped (both logged). Never throws and
-    /// never waits for a receiver, so it is safe on any thread, including a
-    /// plug-in's I/O thread.
+    /// the text is larger than messageByteLimit, the queue is full (by count or
+    /// by bytes) or the bus stopped (each counted; logged once per burst).
+    /// Never throws and never waits for a receiver, so it is safe on any
+    /// thread, including a plug-in's I/O thread.
     std::uint64_t post(std::string text, std::string origin) noexcept;
 
     /// Opens a tap: every message posted from now on is offered to it. Any thread.
@@ -100,15 +102,18 @@ public:
 
 private:
     void run();
-    void handle(const BusMessage& message);
-    void noteOverflow(const std::string& origin);
+    void handle(BusMessage& message);
+    void refuseOversize(std::size_t size, const std::string& origin);
+    void offerToTaps(const std::vector<std::shared_ptr<BusTap>>& tapsNow, const BusMessage& message);
 
     const Options options;
 
-    mutable std::mutex queueMutex;  // guards queue, nextSeq, stopping, handled, overflowing, overflowDrops
+    // guards queue, queuedBytes, nextSeq, stopping, handled, overflowing, overflowDrops
+    mutable std::mutex queueMutex;
     std::condition_variable queueReady;
     std::condition_variable queueIdle;
     std::deque<BusMessage> queue;
+    std::size_t queuedBytes = 0;
     std::uint64_t nextSeq = 1;
     bool stopping = false;
     std::uint64_t handled = 0;
@@ -123,6 +128,9 @@ private:
     std::atomic<std::uint64_t> unaddressed{0};
     std::atomic<std::uint64_t> rejected{0};
     std::atomic<std::uint64_t> dropped{0};
+    std::atomic<std::uint64_t> droppedForBytes{0};
+    std::atomic<std::uint64_t> oversize{0};
+    std::atomic<std::uint64_t> tapDropped{0};
 
     std::thread worker;
 };

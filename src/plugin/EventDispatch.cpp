@@ -27,12 +27,14 @@ std::atomic<uint64_t> envelopeCounter{0};
 // is kept inside 100..900.
 int telemetryIntervalFrom(const std::string& text)
 {
-    int value = std::atoi(text.c_str()) - 100;
+    // Wider than int: the service may send the lowest int, and 100 below it
+    // must still count as "0 or less".
+    long long value = static_cast<long long>(std::atoi(text.c_str())) - 100;
     if (value <= 0)
         value = 100;
     if (value >= 1000)
         value = 900;
-    return value;
+    return static_cast<int>(value);
 }
 
 Poco::JSON::Object::Ptr parseEventObject(const std::string& text)

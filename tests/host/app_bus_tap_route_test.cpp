@@ -1,8 +1,10 @@
 // The bus tap over a real HTTP server and client: a stream shows every bus
 // message, a POST delivers one, bad posts are refused with the reason.
 
+#include <algorithm>
 #include <future>
 #include <memory>
+#include <utility>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -88,6 +90,84 @@ protected:
     std::shared_ptr<vlm::HttpApiServer> server;
     std::unique_ptr<vlm::host::BusTapRoute> route;
 };
+
+// Tap readers with a small byte budget, so that a stream falls behind soon.
+class SmallTapBudgetTest : public BusTapRouteTest {
+protected:
+    static constexpr std::size_t tapBytes = 1u << 20;
+
+    SmallTapBudgetTest()
+    {
+        vlm::host::MessageBus::Options options;
+        options.tapQueueByteLimit = tapBytes;
+        bus = std::make_shared<vlm::host::MessageBus>(options);
+    }
+};
+
+/// Reads the stream up to the event with id `last`: the ids shown, in the
+/// order shown, and the sum of the "dropped" counts.
+std::pair<std::vector<std::uint64_t>, std::uint64_t> readUpTo(std::istream& in, std::uint64_t last, int maxBlocks)
+{
+    std::vector<std::uint64_t> shown;
+    std::uint64_t dropped = 0;
+    for (int i = 0; i < maxBlocks && (shown.empty() || shown.back() != last); ++i) {
+        const std::string block = readBlock(in);
+        if (block.empty())
+            break;
+        if (block.rfind("event: dropped\ndata: {\"dropped\":", 0) == 0)
+            dropped += std::stoull(block.substr(block.find(':', block.find("dropped\"")) + 1));
+        else if (block.rfind("id: ", 0) == 0)
+            shown.push_back(std::stoull(block.substr(4)));
+    }
+    return {shown, dropped};
+}
+
+TEST_F(SmallTapBudgetTest, AStreamThatFallsBehindByBytesIsToldWhatItMissedAndGetsTheRestInOrder)
+{
+    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
+    Poco::Net::HTTPResponse response;
+    std::istream& in = openStream(session, response);
+    ASSERT_EQ(bus->stats().taps, 1u);
+    // A second reader that reads nothing until the end.
+    const auto probe = bus->openTap();
+
+    // 40 MB in all: more than the socket buffers of the stream hold, so its
+    // handler blocks in a write while the bus goes on.
+    constexpr int count = 400;
+    const std::string pad(100 * 1024, 'x');
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    for (int n = 1; n <= count; ++n) {
+        last = bus->post(R"({"to":[],"n":)" + std::to_string(n) + R"(,"pad":")" + pad + R"("})", "p");
+        ASSERT_NE(last, 0u);
+        first = first == 0 ? last : first;
+        ASSERT_LE(probe->queuedBytes(), tapBytes);
+    }
+    ASSERT_TRUE(bus->waitUntilIdle(bound));
+    EXPECT_LE(probe->queuedBytes(), tapBytes);
+    EXPECT_LE(probe->queuedMessages(), tapBytes / pad.size());
+
+    const vlm::host::BusTap::Batch kept = probe->take(std::chrono::milliseconds(0));
+    ASSERT_FALSE(kept.messages.empty());
+    EXPECT_EQ(kept.dropped + kept.messages.size(), static_cast<std::size_t>(count));
+    EXPECT_EQ(kept.messages.back().seq, last) << "the newest are kept";
+    for (std::size_t i = 1; i < kept.messages.size(); ++i)
+        EXPECT_EQ(kept.messages[i].seq, kept.messages[i - 1].seq + 1);
+
+    const auto [shown, streamDropped] = readUpTo(in, last, 3 * count);
+    ASSERT_FALSE(shown.empty());
+    EXPECT_EQ(shown.back(), last);
+    EXPECT_GT(streamDropped, 0u);
+    EXPECT_EQ(shown.size() + streamDropped, static_cast<std::size_t>(count));
+    EXPECT_TRUE(std::is_sorted(shown.begin(), shown.end()));
+    EXPECT_GE(shown.front(), first);
+
+    EXPECT_EQ(bus->stats().tapDropped, kept.dropped + streamDropped);
+    int lines = 0;
+    for (const auto& line : log.lines())
+        lines += line.text.rfind("bus tap reader behind", 0) == 0 ? 1 : 0;
+    EXPECT_EQ(lines, 2) << "one line for each reader's burst";
+}
 
 TEST_F(BusTapRouteTest, StreamShowsEveryMessageAsAnEventInBusOrder)
 {

@@ -157,12 +157,101 @@ TEST(MessageBusLimits, AFullQueueRefusesAndSaysSoOnce)
     EXPECT_EQ(bus.post("{}", "p"), 0u);
     EXPECT_EQ(bus.post("{}", "p"), 0u);
     EXPECT_EQ(bus.stats().dropped, 2u);
-    EXPECT_EQ(log.errors("bus queue full (3 messages): dropping messages, the first from p"), 1);
+    EXPECT_EQ(bus.stats().droppedForBytes, 0u);
+    EXPECT_EQ(bus.stats().queued, 3u);
+    EXPECT_EQ(log.errors("bus queue full (3 messages, 6 bytes, a message of 2 bytes): dropping messages, the "
+                         "first from p"),
+              1);
 
     bus.start();
     ASSERT_TRUE(bus.waitUntilIdle(bound));
     EXPECT_TRUE(log.contains("bus queue has room again after dropping 2 message(s)"));
     EXPECT_NE(bus.post("{}", "p"), 0u);
+}
+
+// A JSON message for guidA padded to `size` bytes, numbered `n`.
+std::string paddedMessage(std::size_t size, int n)
+{
+    std::string text = R"({"to":[")" + std::string(guidA) + R"("],"n":)" + std::to_string(n) + R"(,"pad":")";
+    text.append(size - text.size() - 2, 'x');
+    return text + "\"}";
+}
+
+TEST(MessageBusLimits, AFewHugeMessagesFillTheByteBudgetAndTheRestIsRefused)
+{
+    vlm::test::LogCapture log;
+    MessageBus::Options options;
+    options.queueByteLimit = 4u << 20;
+    options.messageByteLimit = 2u << 20;
+    MessageBus bus(options);  // not started: nothing leaves the queue
+    auto receiver = std::make_shared<RecordingPlugin>();
+    bus.attach(guidA, receiver);
+
+    const std::size_t huge = 1398000;  // three fit in 4 MiB with 304 bytes to spare
+    int accepted = 0;
+    for (int n = 1; n <= 6; ++n) {
+        accepted += bus.post(paddedMessage(huge, n), "sender-a") != 0 ? 1 : 0;
+        const MessageBus::Stats stats = bus.stats();
+        EXPECT_LE(stats.queuedBytes, options.queueByteLimit);
+        EXPECT_EQ(stats.queuedBytes, stats.queued * huge);
+    }
+    EXPECT_EQ(accepted, 3);
+    EXPECT_EQ(bus.post(paddedMessage(1000, 7), "sender-b"), 0u) << "a small message does not fit either";
+    MessageBus::Stats stats = bus.stats();
+    EXPECT_EQ(stats.dropped, 4u);
+    EXPECT_EQ(stats.droppedForBytes, 4u);
+    EXPECT_EQ(stats.oversize, 0u);
+    EXPECT_EQ(log.errors("bus queue full (3 messages, 4194000 bytes, a message of 1398000 bytes): dropping "
+                         "messages, the first from sender-a"),
+              1);
+
+    bus.start();
+    ASSERT_TRUE(bus.waitUntilIdle(bound));
+    const auto got = receiver->waitFor(3);
+    ASSERT_EQ(got.size(), 3u);
+    for (int n = 1; n <= 3; ++n)
+        EXPECT_EQ(got[n - 1].text, paddedMessage(huge, n)) << "in order, unchanged";
+    EXPECT_TRUE(log.contains("bus queue has room again after dropping 4 message(s)"));
+    stats = bus.stats();
+    EXPECT_EQ(stats.queued, 0u);
+    EXPECT_EQ(stats.queuedBytes, 0u);
+    EXPECT_NE(bus.post(paddedMessage(huge, 8), "sender-a"), 0u);
+    ASSERT_TRUE(bus.waitUntilIdle(bound));
+    EXPECT_EQ(receiver->received().size(), 4u);
+}
+
+TEST(MessageBusLimits, AMessageLargerThanTheBoundIsRefusedAndLoggedOncePerBurst)
+{
+    vlm::test::LogCapture log;
+    MessageBus::Options options;
+    options.messageByteLimit = 5000;
+    MessageBus bus(options);
+    auto receiver = std::make_shared<RecordingPlugin>();
+    bus.attach(guidA, receiver);
+    bus.start();
+
+    for (int n = 1; n <= 1500; ++n)
+        EXPECT_EQ(bus.post(paddedMessage(5001, n), "sender-a"), 0u);
+    EXPECT_NE(bus.post(paddedMessage(5000, 0), "sender-a"), 0u) << "exactly the bound is taken";
+    ASSERT_TRUE(bus.waitUntilIdle(bound));
+
+    const MessageBus::Stats stats = bus.stats();
+    EXPECT_EQ(stats.oversize, 1500u);
+    EXPECT_EQ(stats.dropped, 0u);
+    EXPECT_EQ(stats.posted, 1u);
+    ASSERT_EQ(receiver->received().size(), 1u);
+    EXPECT_EQ(receiver->received()[0].text, paddedMessage(5000, 0));
+    // The first and the 1000th, not one line per message.
+    EXPECT_EQ(log.errors("bus: refused a message of 5001 bytes from sender-a: larger than 5000 bytes (1 refused so "
+                         "far)"),
+              1);
+    EXPECT_EQ(log.errors("bus: refused a message of 5001 bytes from sender-a: larger than 5000 bytes (1000 refused "
+                         "so far)"),
+              1);
+    int lines = 0;
+    for (const auto& line : log.lines())
+        lines += line.text.find("bus: refused a message") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(lines, 2);
 }
 
 TEST(MessageBusLimits, StopDropsWhatIsStillQueuedAndLogsHowMuch)
@@ -187,6 +276,31 @@ TEST(BusTapQueue, ASlowReaderLosesTheOldestAndLearnsHowMany)
     EXPECT_EQ(batch.messages[0].seq, 4u);
     EXPECT_EQ(batch.messages[1].seq, 5u);
     EXPECT_EQ(tap.take(std::chrono::milliseconds(0)).dropped, 0u);
+}
+
+TEST(BusTapQueue, AReaderBehindByBytesLosesTheOldestAndNeverHoldsMore)
+{
+    BusTap tap(1000, 3000);
+    std::size_t dropped = 0;
+    for (std::uint64_t seq = 1; seq <= 10; ++seq) {
+        dropped += tap.offer({seq, std::string(1000, 'x'), "p", false}).dropped;
+        EXPECT_LE(tap.queuedBytes(), 3000u);
+    }
+    EXPECT_EQ(tap.queuedMessages(), 3u);
+    EXPECT_EQ(dropped, 7u);
+
+    // Larger than the whole budget: not shown, counted, and what waits stays.
+    const BusTap::Offered huge = tap.offer({11, std::string(3001, 'x'), "p", false});
+    EXPECT_EQ(huge.dropped, 1u);
+    EXPECT_EQ(huge.droppedTotal, 8u);
+    EXPECT_EQ(tap.queuedMessages(), 3u);
+
+    const BusTap::Batch batch = tap.take(std::chrono::milliseconds(0));
+    EXPECT_EQ(batch.dropped, 8u);
+    ASSERT_EQ(batch.messages.size(), 3u);
+    EXPECT_EQ(batch.messages[0].seq, 8u);
+    EXPECT_EQ(batch.messages[2].seq, 10u);
+    EXPECT_EQ(tap.queuedBytes(), 0u);
 }
 
 TEST(BusTapQueue, TakeWakesOnAMessageOrTheClose)

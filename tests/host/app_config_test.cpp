@@ -73,6 +73,9 @@ TEST_F(HostConfigTest, MinimalFileGetsTheDocumentedDefaults)
     EXPECT_EQ(config.plugins[0].serviceAddress, "127.0.0.1");
     EXPECT_EQ(config.plugins[0].servicePort, 7700);
     EXPECT_EQ(config.plugins[0].serviceWait, std::chrono::seconds(10));
+    EXPECT_EQ(config.bus.queueByteLimit, 64u << 20);
+    EXPECT_EQ(config.bus.messageByteLimit, 24u << 20);
+    EXPECT_EQ(config.bus.tapQueueByteLimit, 16u << 20);
 }
 
 TEST_F(HostConfigTest, ShippedExampleIsUsable)
@@ -93,7 +96,8 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
       "station": {"station_sn": "SN-1"},
       "plugins": [{"library": "/abs/libA.so", "service_address": "10.0.0.2", "service_port": 1,
                    "service_wait_seconds": 0}],
-      "log": {"level": "debug", "file": "host.log"}
+      "log": {"level": "debug", "file": "host.log"},
+      "bus": {"max_queue_bytes": 5000, "max_message_bytes": 4000, "tap_max_queue_bytes": 3000}
     })");
     EXPECT_EQ(config.http.bindAddress, "::1");
     EXPECT_EQ(config.http.port, 0);
@@ -111,6 +115,9 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
     EXPECT_EQ(config.plugins[0].serviceWait, std::chrono::seconds(0));
     EXPECT_EQ(config.logLevel, "debug");
     EXPECT_EQ(config.logFile, dir.file("host.log"));
+    EXPECT_EQ(config.bus.queueByteLimit, 5000u);
+    EXPECT_EQ(config.bus.messageByteLimit, 4000u);
+    EXPECT_EQ(config.bus.tapQueueByteLimit, 3000u);
 }
 
 struct BadValue {
@@ -136,6 +143,9 @@ TEST_F(HostConfigTest, BadValuesNameTheKeyAndTheReason)
         {"mqtt", "ca_file", "\"missing-ca.pem\"", "mqtt.ca_file", "no such file"},
         {"log", "level", "\"loud\"", "log.level", "unknown level"},
         {"log", "file", "\"/no/such/folder/host.log\"", "log.file", "folder does not exist"},
+        {"bus", "max_queue_bytes", "0", "bus.max_queue_bytes", "from 1"},
+        {"bus", "tap_max_queue_bytes", "\"1MB\"", "bus.tap_max_queue_bytes", "whole number"},
+        {"bus", "max_message_bytes", "100000000", "bus.max_message_bytes", "must not exceed bus.max_queue_bytes"},
     };
     for (const auto& c : cases) {
         const ConfigError error = refusal(withValue(c.object, c.key, c.json));

@@ -36,6 +36,7 @@ protected:
           "http": {"port": 0, "threads": 16},
           "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": ""},
           "station": {"station_sn": "station-7"},
+          "bus": {"max_message_bytes": 4096},
           "plugins": [
             {"library": "/no/such/libGone.so", "service_port": 1},
             {"library": ")" + std::string(VELMORA_NON_PLUGIN_LIBRARY) + R"(", "service_port": 1},
@@ -92,6 +93,27 @@ TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailureWithItsReason)
     EXPECT_NE(failed->getObject(0)->getValue<std::string>("reason").find("no such file"), std::string::npos);
     EXPECT_NE(failed->getObject(1)->getValue<std::string>("reason").find("missing entry point"), std::string::npos);
     EXPECT_NE(failed->getObject(2)->getValue<std::string>("reason").find("already loaded"), std::string::npos);
+}
+
+TEST_F(HostAppTest, HealthCountsWhatTheBusRefusedAndWhatWaits)
+{
+    const std::string tooLarge = R"({"to":["d639b3d5-a951-4bc7-a629-91255ebf9638"],"pad":")" +
+                                 std::string(4096, 'x') + R"("})";
+    const auto refused = vlm::test::post("/host/bus", tooLarge).sendTo(app->httpPort());
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_NE(refused.body.find("too large"), std::string::npos) << refused.body;
+    EXPECT_TRUE(log.contains("bus: refused a message of " + std::to_string(tooLarge.size()) + " bytes from http "));
+
+    const auto report = health();
+    ASSERT_TRUE(report);
+    const auto bus = report->getObject("bus");
+    ASSERT_TRUE(bus);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("oversize"), 1u);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped"), 0u);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped_for_bytes"), 0u);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("tap_dropped"), 0u);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("queued_bytes"), 0u);
+    EXPECT_EQ(bus->getValue<std::uint64_t>("queued"), 0u);
 }
 
 TEST_F(HostAppTest, HealthAnswersGetOnly)

@@ -25,7 +25,8 @@ TEST_F(EventDispatch, TelemetryFrequencyIsOffsetAndClamped)
 {
     LogCapture log;
     const std::pair<const char*, int> cases[] = {{"150", 50},  {"100", 100},   {"50", 100},   {"abc", 100},
-                                                 {"1100", 900}, {"5000", 900}, {"1099", 999}, {"101", 1}};
+                                                 {"1100", 900}, {"5000", 900}, {"1099", 999}, {"101", 1},
+                                                 {"-2147483648", 100}};
     for (const auto& [text, expected] : cases) {
         dispatch("setTelemFrequency", text);
         EXPECT_EQ(state().telemFrequency.load(), expected) << text;
