@@ -34,7 +34,9 @@ inline long residentKilobytes()
 }
 
 struct BenchPlugin {
-    explicit BenchPlugin(int httpThreads)
+    /// `streams` and `requests` raise the server's caps (all streams from one
+    /// client address, as a load driver opens them); 0 keeps the defaults.
+    explicit BenchPlugin(int httpThreads, int streams = 0, int requests = 0)
     {
         service.bind("getIntConfig", [](const msgpack::object&) { return pilot_rpc::service_reply::success(0); });
         service.bind("getStringConfig",
@@ -64,6 +66,9 @@ struct BenchPlugin {
         HttpApiServerOptions httpOptions;
         httpOptions.workerThreads = httpThreads;
         httpOptions.queueSize = httpThreads;
+        httpOptions.maxStreams = streams;
+        httpOptions.maxStreamsPerClient = streams;
+        httpOptions.maxWaitingRequests = requests;
         server = std::make_shared<HttpApiServer>(httpOptions);
         server->start();
         plugin->start(server, mqtt, "127.0.0.1", port);

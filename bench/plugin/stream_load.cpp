@@ -114,7 +114,11 @@ int main(int argc, char** argv)
     const int seconds = argc > 2 ? std::atoi(argv[2]) : 10;
     const int hz = argc > 3 ? std::atoi(argv[3]) : 20;
 
-    vlm::bench::BenchPlugin stack(streams + 80);
+    // Room for every stream at once, for the 64 request clients, and the
+    // server's reserve for host paths (an eighth of the threads) on top.
+    const int requestClients = 64;
+    const int threads = (streams + requestClients) * 8 / 7 + 1;
+    vlm::bench::BenchPlugin stack(threads, streams, requestClients);
     const long rssStart = vlm::bench::residentKilobytes();
     stack.service.publish("pilotConnectState", "true");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -150,7 +154,7 @@ int main(int argc, char** argv)
     std::printf("  delivery delay p50 %.1f ms, p99 %.1f ms\n", percentile(delays, 0.50), percentile(delays, 0.99));
     std::printf("  process RSS: %ld kB before streams, %ld kB peak with streams\n", rssStart, rssPeak);
 
-    for (int clients : {16, 64}) {
+    for (int clients : {16, requestClients}) {
         const double rate = requestsPerSecond(stack.server->port(), clients, std::chrono::seconds(5));
         std::printf("HTTP getConfig with %d clients: %.0f requests/s (%.1f per client; the answer pause caps a "
                     "client near 20/s)\n",

@@ -46,9 +46,9 @@ void writeEvent(std::ostream& out, const BusMessage& message)
 } // namespace
 
 BusTapRoute::BusTapRoute(std::shared_ptr<MessageBus> bus, std::function<bool()> serverStopping,
-                         std::size_t maxBodyBytes, std::chrono::milliseconds keepAliveInterval)
+                         std::size_t maxBodyBytes, std::chrono::milliseconds keepAliveInterval, int maxStreams)
     : bus(std::move(bus)), serverStopping(std::move(serverStopping)), maxBodyBytes(maxBodyBytes),
-      keepAliveInterval(keepAliveInterval)
+      keepAliveInterval(keepAliveInterval), maxStreams(maxStreams)
 {
 }
 
@@ -72,6 +72,23 @@ void BusTapRoute::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPSe
 
 void BusTapRoute::stream(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
 {
+    if (++openStreams > maxStreams) {
+        --openStreams;
+        const std::uint64_t n = ++refused;
+        if (loggedOccurrence(n))
+            logger().warning("bus tap stream to %s refused with 503: %d streams open; refusal %s "
+                             "(logged first and every 1000th)",
+                             request.clientAddress().toString(), maxStreams, std::to_string(n));
+        response.set("Retry-After", std::to_string(httpRetryAfterSeconds));
+        response.setKeepAlive(false);
+        sendJsonError(response, Status::HTTP_SERVICE_UNAVAILABLE,
+                      "too many bus tap streams open (" + std::to_string(maxStreams) + ")");
+        return;
+    }
+    struct Open {
+        std::atomic<int>& count;
+        ~Open() { --count; }
+    } open{openStreams};
     const std::shared_ptr<BusTap> tap = bus->openTap();
     response.setContentType("text/event-stream");
     response.set("Cache-Control", "no-cache");

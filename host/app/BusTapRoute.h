@@ -14,12 +14,20 @@
 // Quiet streams get a ": keep-alive" comment every few seconds. A stream ends
 // when the client goes away, the bus stops or the server stops.
 //
+// The streams are the host's own, served from the threads the server keeps
+// for "/host/" paths; so that they cannot take all of that reserve, at most
+// `maxStreams` are open at once (the host allows half of the reserve), and
+// one more is answered 503 with Retry-After at once, counted and logged (the
+// first and every 1000th).
+//
 // POST delivers the body as if another plug-in had sent it: it must be a JSON
 // object with a "to" list of receiver GUIDs (400 otherwise); the answer is 202
 // with {"code": 0, "msg": "queued", "seq": <n>}, or 503 when the bus refuses
 // (larger than bus.max_message_bytes, queue full, bus stopping).
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -34,7 +42,7 @@ public:
     /// `serverStopping` tells an open stream that the server is going down;
     /// `maxBodyBytes` bounds a posted message.
     BusTapRoute(std::shared_ptr<MessageBus> bus, std::function<bool()> serverStopping, std::size_t maxBodyBytes,
-                std::chrono::milliseconds keepAliveInterval = std::chrono::seconds(5));
+                std::chrono::milliseconds keepAliveInterval = std::chrono::seconds(5), int maxStreams = 4);
 
     /// Registers "/host/bus" on the server.
     void install(WebApiBasic& server);
@@ -42,6 +50,9 @@ public:
     /// The handler of "/host/bus"; runs on a server worker thread, for as long
     /// as a stream lasts.
     void serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
+
+    /// Streams refused because `maxStreams` were open. Any thread.
+    std::uint64_t refusedStreams() const { return refused.load(); }
 
 private:
     void stream(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
@@ -51,6 +62,9 @@ private:
     const std::function<bool()> serverStopping;
     const std::size_t maxBodyBytes;
     const std::chrono::milliseconds keepAliveInterval;
+    const int maxStreams;
+    std::atomic<int> openStreams{0};
+    std::atomic<std::uint64_t> refused{0};
 };
 
 /// Path of the bus tap.

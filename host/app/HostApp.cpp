@@ -69,8 +69,10 @@ void HostApp::startServices()
 
     messageBus->start();
     HttpApiServer* serverView = server.get();
+    // Bus tap streams may take half of the host's reserve, never all of it.
     busRoute = std::make_unique<BusTapRoute>(
-        messageBus, [serverView] { return serverView->stopping(); }, config.http.maxBodyBytes);
+        messageBus, [serverView] { return serverView->stopping(); }, config.http.maxBodyBytes,
+        std::chrono::seconds(5), std::max(1, httpCapacity(config.http).reservedHostThreads / 2));
     busRoute->install(*server);
     installHealthRoute(*server, [this] { return health(); });
     apiDescription =
@@ -257,6 +259,17 @@ Poco::JSON::Object::Ptr HostApp::health() const
     http->set("address", config.http.bindAddress);
     http->set("port", httpPort());
     http->set("token_required", !config.http.bearerToken.empty());
+    if (server) {
+        const HttpServerCounters load = server->counters();
+        http->set("connections", load.connections);
+        http->set("streams", load.openStreams);
+        http->set("waiting_requests", load.waitingRequests);
+        http->set("streams_refused", load.streamsRefused);
+        http->set("streams_refused_per_client", load.streamsRefusedPerClient);
+        http->set("requests_refused", load.requestsRefused);
+        http->set("bus_taps_refused", busRoute ? busRoute->refusedStreams() : 0);
+        http->set("slow_clients_cut", load.slowClientsCut);
+    }
 
     Poco::JSON::Object::Ptr broker = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
     const bool mqttUp = mqtt && mqtt->isConnected();

@@ -66,7 +66,11 @@ public:
     std::size_t failedPlugins() const;
 
     /// The health report: "status" ("ok", or "degraded" when a plug-in failed,
-    /// the broker is away or a service link is not up), "uptime_s", "http",
+    /// the broker is away or a service link is not up), "uptime_s", "http"
+    /// {"address", "port", "token_required", and the server's load and
+    /// refusals: "connections", "streams", "waiting_requests",
+    /// "streams_refused", "streams_refused_per_client", "requests_refused",
+    /// "bus_taps_refused", "slow_clients_cut"},
     /// "mqtt" {"server_uri", "connected", "station_sn"}, "plugins" (each with
     /// "name", "guid", "type", "library", "state" and "service" {"address",
     /// "port", "link", "established", "connecting"}), "failed_plugins" (each

@@ -13,6 +13,8 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Path.h>
 
+#include "http/HttpAdmission.h"
+
 namespace vlm::host {
 namespace {
 
@@ -142,6 +144,14 @@ HttpApiServerOptions readHttp(const KeyReader& keys)
     http.bearerToken = keys.text("http.token", "");
     if (keys.has("http.token") && http.bearerToken.empty())
         throw ConfigError("http.token", "empty; leave the key out to serve without a token");
+    // Left out, the caps take their share of the threads (0 here).
+    http.reservedHostThreads = static_cast<int>(keys.number("http.reserved_host_threads", 0, 1, 4096));
+    http.maxStreams = static_cast<int>(keys.number("http.max_streams", 0, 1, 4096));
+    http.maxStreamsPerClient = static_cast<int>(keys.number("http.max_streams_per_client", 0, 1, 4096));
+    http.maxWaitingRequests = static_cast<int>(keys.number("http.max_waiting_requests", 0, 1, 4096));
+    http.requestDeadline = std::chrono::seconds(keys.number("http.request_deadline_seconds", 10, 1, 3600));
+    if (const auto problem = httpCapacityProblem(http))
+        throw ConfigError(problem->key, problem->reason);
     return http;
 }
 

@@ -12,12 +12,13 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
 
+#include "http/HttpAdmission.h"
 #include "http/HttpJsonReply.h"
 
 namespace vlm::host {
 
 /// Prefix of every path the host serves itself; plug-ins may not register under it.
-inline constexpr const char* hostPathPrefix = "/host/";
+inline constexpr const char* hostPathPrefix = vlm::hostRoutePrefix;
 
 // JSON answers and errors are the server's own (http/HttpJsonReply.h):
 // vlm::sendJsonReply and vlm::sendJsonError.

@@ -53,6 +53,14 @@ void HttpApiRequestHandler::handleRequest(Poco::Net::HTTPServerRequest& request,
                                           Poco::Net::HTTPServerResponse& response)
 {
     HttpServerContext::Running running(context);
+    connection = HttpRequestDeadlines::connectionOf(request);
+    answer(request, response);
+    // On a kept-alive connection the next request is due from now.
+    context.deadlines.arm(connection);
+}
+
+void HttpApiRequestHandler::answer(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
+{
     std::string failure;
     try {
         serve(request, response);
@@ -81,6 +89,14 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, "server is stopping");
         return;
     }
+    if (context.deadlines.wasCut(connection)) {
+        refuseSlow(response);
+        return;
+    }
+    // Near the thread limit an idle kept-alive connection would hold a thread
+    // the host's own paths may need.
+    if (context.deadlines.connections() >= context.capacity.threads - context.capacity.reservedHostThreads)
+        response.setKeepAlive(false);
     std::string path;
     ApiParams params;
     std::string uriError;
@@ -107,6 +123,13 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
     }
     if (!route) {
         refuseEarly(request, response, Status::HTTP_NOT_FOUND, "no api at " + path);
+        return;
+    }
+    const HttpAdmission::Slot slot =
+        context.admission.admit(HttpAdmission::classify(path, *route), request.clientAddress().host().toString());
+    if (!slot.admitted()) {
+        response.set("Retry-After", std::to_string(httpRetryAfterSeconds));
+        refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, slot.reason());
         return;
     }
     // Chunked by default: handlers write answers of unknown length, and only
@@ -137,6 +160,10 @@ void HttpApiRequestHandler::serveRequestForm(const HttpRoute& route, Poco::Net::
                                              const std::string& path)
 {
     const JsonBody body = readJsonBody(request, context.options.maxBodyBytes);
+    if (!context.deadlines.received(connection)) {
+        refuseSlow(response);
+        return;
+    }
     if (body.status != JsonBody::Status::ok) {
         logger().warning("http %s refused: %s", path, body.error);
         if (body.status == JsonBody::Status::tooLarge) {
@@ -159,6 +186,13 @@ void HttpApiRequestHandler::serveRequestForm(const HttpRoute& route, Poco::Net::
 void HttpApiRequestHandler::serveStreamForm(const HttpRoute& route, Poco::Net::HTTPServerRequest& request,
                                             Poco::Net::HTTPServerResponse& response, const ApiParams& params)
 {
+    // A body is the handler's to read, under the deadline; without one the
+    // request is in.
+    if (!request.getChunkedTransferEncoding() && request.getContentLength64() <= 0 &&
+        !context.deadlines.received(connection)) {
+        refuseSlow(response);
+        return;
+    }
     Poco::JSON::Object reply;
     route.stream(request, response, params, reply);
     if (!response.sent())
@@ -172,6 +206,14 @@ void HttpApiRequestHandler::refuseEarly(Poco::Net::HTTPServerRequest& request,
     response.setKeepAlive(false);
     sendJsonError(response, status, text);
     discardRequestBody(request, discardBound);
+}
+
+void HttpApiRequestHandler::refuseSlow(Poco::Net::HTTPServerResponse& response)
+{
+    // The receiving side is shut already; what is left of the request is lost.
+    response.setKeepAlive(false);
+    sendJsonError(response, Status::HTTP_REQUEST_TIMEOUT,
+                  "request not received within " + std::to_string(context.deadlines.limit().count()) + " ms");
 }
 
 } // namespace vlm

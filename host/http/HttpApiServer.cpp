@@ -2,32 +2,27 @@
 
 #include <algorithm>
 
+#include <stdexcept>
+
 #include <Poco/Logger.h>
-#include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/TCPServer.h>
 #include <Poco/ThreadPool.h>
 
 #include "VelmoraCommon.h"
-#include "http/HttpApiRequestHandler.h"
+#include "http/HttpConnectionFactory.h"
 #include "http/HttpServerContext.h"
 
 namespace vlm {
 namespace {
 
-class HandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    explicit HandlerFactory(HttpServerContext& context) : context(context) {}
-
-    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
-    {
-        return new HttpApiRequestHandler(context);
-    }
-
-private:
-    HttpServerContext& context;
-};
+const HttpApiServerOptions& checked(const HttpApiServerOptions& options)
+{
+    if (const auto problem = httpCapacityProblem(options))
+        throw std::invalid_argument(problem->key + ": " + problem->reason);
+    return options;
+}
 
 Poco::Logger& logger()
 {
@@ -37,7 +32,7 @@ Poco::Logger& logger()
 } // namespace
 
 HttpApiServer::HttpApiServer(HttpApiServerOptions options)
-    : context(std::make_unique<HttpServerContext>(std::move(options))),
+    : context(std::make_unique<HttpServerContext>(checked(options))),
       workers(std::make_unique<Poco::ThreadPool>("VelmoraHttp", std::min(2, context->options.workerThreads),
                                                  std::max(1, context->options.workerThreads)))
 {
@@ -72,7 +67,10 @@ void HttpApiServer::start()
     params->setKeepAliveTimeout(Poco::Timespan(options.keepAliveTimeout.count(), 0));
     params->setTimeout(Poco::Timespan(options.socketTimeout.count(), 0));
 
-    server = std::make_unique<Poco::Net::HTTPServer>(new HandlerFactory(*context), *workers, *socket, params);
+    auto* factory = new HttpConnectionFactory(*context, params);
+    connections = factory;
+    server = std::make_unique<Poco::Net::TCPServer>(Poco::Net::TCPServerConnectionFactory::Ptr(factory), *workers,
+                                                    *socket, params);
     server->start();
     listener = std::move(socket);
     started = true;
@@ -86,7 +84,8 @@ bool HttpApiServer::stop()
         // Aborting shuts down every connection's socket, so a handler blocked
         // in a write, or writing its next event block, fails at once.
         if (!context->stopping.exchange(true) && server) {
-            server->stopAll(true);
+            server->stop();
+            connections->stopConnections(true);
             // The server only stops accepting; closing the socket makes new
             // clients fail at once instead of waiting in the backlog.
             listener->close();
@@ -112,6 +111,14 @@ bool HttpApiServer::stopping() const
 int HttpApiServer::runningHandlers() const
 {
     return context->runningHandlers();
+}
+
+HttpServerCounters HttpApiServer::counters() const
+{
+    HttpServerCounters counters = context->admission.counters();
+    counters.slowClientsCut = context->deadlines.cuts();
+    counters.connections = context->deadlines.connections();
+    return counters;
 }
 
 void HttpApiServer::apiRegist(std::string path, StreamApiHandler handler)

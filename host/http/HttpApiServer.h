@@ -8,12 +8,13 @@
 
 #include "VelmoraExport.h"
 #include "WebApiBasic.h"
+#include "http/HttpAdmission.h"
 #include "http/HttpApiServerOptions.h"
 
 namespace Poco {
 class ThreadPool;
 namespace Net {
-class HTTPServer;
+class TCPServer;
 class ServerSocket;
 } // namespace Net
 } // namespace Poco
@@ -22,8 +23,9 @@ namespace vlm {
 
 struct HttpServerContext;
 struct HttpRoute;
+class HttpConnectionFactory;
 
-/// The host's HTTP API server on POCO's HTTPServer.
+/// The host's HTTP API server on POCO's TCPServer and HTTPServerConnection.
 ///
 /// Requests are routed by their exact path (query string excluded) to the
 /// handler registered with apiRegist; routes may be added while serving. Each
@@ -52,6 +54,11 @@ struct HttpRoute;
 /// All members may be called from any thread; handlers run on the server's
 /// worker threads.
 ///
+/// Capacity: plug-in event streams and requests are capped so that paths
+/// under "/host/" always find a thread, and a request must be received within
+/// a deadline (see HttpAdmission.h and HttpRequestDeadline.h); refusals are
+/// 503 with Retry-After, a request cut at its deadline 408.
+///
 /// Stopping: stop() makes stopping() true, closes the listening socket and
 /// shuts down the socket of every open connection. A handler writing to its
 /// response then sees the stream fail at its next flush (an event-stream loop
@@ -59,6 +66,8 @@ struct HttpRoute;
 /// stopping().
 class VLM_EXPORT HttpApiServer : public WebApiBasic {
 public:
+    /// Throws std::invalid_argument ("key: reason") when the caps of the
+    /// options do not fit in its threads (httpCapacityProblem).
     explicit HttpApiServer(HttpApiServerOptions options = {});
     /// Stops the server, then waits for handlers that ignored the stop.
     ~HttpApiServer() override;
@@ -85,6 +94,9 @@ public:
     /// Number of handlers running right now.
     int runningHandlers() const;
 
+    /// Refusals, cuts and what is held right now. Any thread.
+    HttpServerCounters counters() const;
+
     void apiRegist(std::string path, StreamApiHandler handler) override;
     void apiRegist(std::string path, RequestApiHandler handler) override;
 
@@ -102,9 +114,10 @@ private:
     std::unique_ptr<HttpServerContext> context;
     std::unique_ptr<Poco::ThreadPool> workers;
 
-    mutable std::mutex lifecycleMutex;  // guards listener, server, boundPort and started
+    mutable std::mutex lifecycleMutex;  // guards listener, server, connections, boundPort and started
     std::unique_ptr<Poco::Net::ServerSocket> listener;
-    std::unique_ptr<Poco::Net::HTTPServer> server;
+    std::unique_ptr<Poco::Net::TCPServer> server;
+    HttpConnectionFactory* connections = nullptr;  // owned by server
     std::uint16_t boundPort = 0;
     bool started = false;
 };

@@ -1,6 +1,9 @@
 #include "http/HttpApiServerOptions.h"
 
 #include <stdexcept>
+#include <utility>
+
+#include "http/HttpAdmission.h"
 
 namespace vlm {
 
@@ -24,6 +27,23 @@ HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::Abstract
     options.maxBodyBytes = static_cast<std::size_t>(maxBody);
     options.keepAlive = config.getBool("http.keep_alive", options.keepAlive);
     options.bearerToken = config.getString("http.token", "");
+    const std::pair<const char*, int*> caps[] = {{"http.reserved_host_threads", &options.reservedHostThreads},
+                                                 {"http.max_streams", &options.maxStreams},
+                                                 {"http.max_streams_per_client", &options.maxStreamsPerClient},
+                                                 {"http.max_waiting_requests", &options.maxWaitingRequests}};
+    for (const auto& [key, field] : caps) {
+        *field = config.getInt(key, *field);
+        if (*field < 0)
+            throw std::invalid_argument(std::string(key) + " must not be negative");
+    }
+    const int deadline = config.getInt(
+        "http.request_deadline_seconds",
+        static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(options.requestDeadline).count()));
+    if (deadline < 1)
+        throw std::invalid_argument("http.request_deadline_seconds must be at least 1");
+    options.requestDeadline = std::chrono::seconds(deadline);
+    if (const auto problem = httpCapacityProblem(options))
+        throw std::invalid_argument(problem->key + ": " + problem->reason);
     return options;
 }
 

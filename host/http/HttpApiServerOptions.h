@@ -33,10 +33,28 @@ struct VLM_EXPORT HttpApiServerOptions {
     /// When not empty, every request must carry "Authorization: Bearer <token>".
     std::string bearerToken;
 
+    // Capacity (see HttpAdmission.h); 0 takes the share of workerThreads
+    // named, so that the defaults always fit.
+    /// Threads kept for the host's own paths under "/host/" (0: an eighth).
+    int reservedHostThreads = 0;
+    /// Plug-in event streams open at once (0: half).
+    int maxStreams = 0;
+    /// Plug-in event streams open at once from one client address (0: a quarter).
+    int maxStreamsPerClient = 0;
+    /// Plug-in requests served at once, most of them waiting for their
+    /// answer (0: what the reserve and the streams leave).
+    int maxWaitingRequests = 0;
+    /// Time a connection's thread waits for a request's head and body, from
+    /// when it starts waiting for it (see HttpRequestDeadlines).
+    std::chrono::milliseconds requestDeadline{10000};
+
     /// Reads "http.address", "http.port", "http.threads", "http.queue",
-    /// "http.max_body_bytes", "http.keep_alive" and "http.token"; missing keys
-    /// keep the defaults above. Throws Poco::SyntaxException for a value of the
-    /// wrong type and std::invalid_argument for one out of range.
+    /// "http.max_body_bytes", "http.keep_alive", "http.token",
+    /// "http.reserved_host_threads", "http.max_streams",
+    /// "http.max_streams_per_client", "http.max_waiting_requests" and
+    /// "http.request_deadline_seconds"; missing keys keep the defaults above.
+    /// Throws Poco::SyntaxException for a value of the wrong type and
+    /// std::invalid_argument for one out of range or caps that do not fit.
     static HttpApiServerOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
 };
 

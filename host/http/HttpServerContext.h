@@ -5,7 +5,9 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "http/HttpAdmission.h"
 #include "http/HttpApiServerOptions.h"
+#include "http/HttpRequestDeadline.h"
 #include "http/HttpRouteTable.h"
 
 namespace vlm {
@@ -13,7 +15,11 @@ namespace vlm {
 /// What the server shares with the handlers of its requests. Owned by the
 /// server; outlives every request thread (the server joins them first).
 struct HttpServerContext {
-    explicit HttpServerContext(HttpApiServerOptions opts) : options(std::move(opts)) {}
+    explicit HttpServerContext(HttpApiServerOptions opts)
+        : options(std::move(opts)), capacity(httpCapacity(options)), admission(capacity),
+          deadlines(options.requestDeadline, options.keepAliveTimeout)
+    {
+    }
 
     /// Counts a handler in for as long as it runs.
     class Running {
@@ -41,6 +47,9 @@ struct HttpServerContext {
     }
 
     const HttpApiServerOptions options;
+    const HttpCapacity capacity;
+    HttpAdmission admission;
+    HttpRequestDeadlines deadlines;
     HttpRouteTable routes;
     std::atomic<bool> stopping{false};
 

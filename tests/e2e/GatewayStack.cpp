@@ -110,7 +110,7 @@ void GatewayStack::killSim()
 
 std::string GatewayStack::writeHostConfig()
 {
-    std::string http = R"("address": "127.0.0.1", "port": 0, "threads": 64)";
+    std::string http = R"("address": "127.0.0.1", "port": 0, "threads": 128)";
     if (!options.token.empty())
         http += R"(, "token": )" + jsonString(options.token);
     const std::string text = R"({

@@ -8,6 +8,7 @@
 
 #include "app/HostCommandLine.h"
 #include "app/HostConfig.h"
+#include "http/HttpAdmission.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -66,6 +67,12 @@ TEST_F(HostConfigTest, MinimalFileGetsTheDocumentedDefaults)
     EXPECT_EQ(config.http.bindAddress, "127.0.0.1");
     EXPECT_EQ(config.http.port, 8080);
     EXPECT_EQ(config.http.workerThreads, 128);
+    const vlm::HttpCapacity capacity = vlm::httpCapacity(config.http);
+    EXPECT_EQ(capacity.reservedHostThreads, 16);
+    EXPECT_EQ(capacity.maxStreams, 64);
+    EXPECT_EQ(capacity.maxStreamsPerClient, 32);
+    EXPECT_EQ(capacity.maxWaitingRequests, 48);
+    EXPECT_EQ(config.http.requestDeadline, std::chrono::seconds(10));
     EXPECT_TRUE(config.http.bearerToken.empty());
     EXPECT_EQ(config.logLevel, "information");
     EXPECT_EQ(config.logFile, "console");
@@ -91,7 +98,8 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
 {
     const HostConfig config = read(R"({
       "http": {"address": "::1", "port": 0, "threads": 7, "queue": 9, "max_body_bytes": 100,
-               "keep_alive": false, "token": "s3cret"},
+               "keep_alive": false, "token": "s3cret", "reserved_host_threads": 1, "max_streams": 3,
+               "max_streams_per_client": 2, "max_waiting_requests": 3, "request_deadline_seconds": 4},
       "mqtt": {"server_uri": "mqtts://broker.example:8884", "user_name": "u", "pawsswd": "p", "client_id": "c"},
       "station": {"station_sn": "SN-1"},
       "plugins": [{"library": "/abs/libA.so", "service_address": "10.0.0.2", "service_port": 1,
@@ -106,6 +114,11 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
     EXPECT_EQ(config.http.maxBodyBytes, 100u);
     EXPECT_FALSE(config.http.keepAlive);
     EXPECT_EQ(config.http.bearerToken, "s3cret");
+    EXPECT_EQ(config.http.reservedHostThreads, 1);
+    EXPECT_EQ(config.http.maxStreams, 3);
+    EXPECT_EQ(config.http.maxStreamsPerClient, 2);
+    EXPECT_EQ(config.http.maxWaitingRequests, 3);
+    EXPECT_EQ(config.http.requestDeadline, std::chrono::seconds(4));
     EXPECT_EQ(config.mqtt.serverUri, "mqtts://broker.example:8884");
     EXPECT_EQ(config.mqtt.userName, "u");
     EXPECT_EQ(config.mqtt.password, "p");
@@ -135,6 +148,13 @@ TEST_F(HostConfigTest, BadValuesNameTheKeyAndTheReason)
         {"http", "port", "70000", "http.port", "from 0 to 65535"},
         {"http", "port", "80.5", "http.port", "whole number"},
         {"http", "threads", "0", "http.threads", "from 1"},
+        {"http", "threads", "2", "http.threads", "must hold http.reserved_host_threads + http.max_streams"},
+        {"http", "max_streams", "0", "http.max_streams", "from 1"},
+        {"http", "max_streams", "120", "http.threads", "= 16 + 120 + 1 = 137, got 128"},
+        {"http", "max_waiting_requests", "100", "http.threads", "must hold"},
+        {"http", "reserved_host_threads", "64", "http.threads", "must hold"},
+        {"http", "max_streams_per_client", "65", "http.max_streams_per_client", "must not exceed http.max_streams"},
+        {"http", "request_deadline_seconds", "0", "http.request_deadline_seconds", "from 1"},
         {"http", "address", "\"localhost\"", "http.address", "numeric IP address"},
         {"http", "keep_alive", "1", "http.keep_alive", "true or false"},
         {"http", "token", "\"\"", "http.token", "empty"},

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <Poco/JSON/Parser.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/NetException.h>
 
 #include "VelmoraCommon.h"
@@ -114,6 +117,33 @@ TEST_F(HostAppTest, HealthCountsWhatTheBusRefusedAndWhatWaits)
     EXPECT_EQ(bus->getValue<std::uint64_t>("tap_dropped"), 0u);
     EXPECT_EQ(bus->getValue<std::uint64_t>("queued_bytes"), 0u);
     EXPECT_EQ(bus->getValue<std::uint64_t>("queued"), 0u);
+}
+
+TEST_F(HostAppTest, BusTapStreamsTakeAtMostHalfTheHostReserveAndHealthCountsRefusals)
+{
+    // 16 threads keep 2 for the host's paths; the bus tap may hold 1 of them.
+    Poco::Net::HTTPClientSession tap("127.0.0.1", app->httpPort());
+    tap.setTimeout(Poco::Timespan(10, 0));
+    Poco::Net::HTTPRequest open(Poco::Net::HTTPRequest::HTTP_GET, "/host/bus", Poco::Net::HTTPMessage::HTTP_1_1);
+    tap.sendRequest(open);
+    Poco::Net::HTTPResponse opened;
+    std::istream& in = tap.receiveResponse(opened);
+    ASSERT_EQ(opened.getStatus(), 200);
+    std::string line;
+    ASSERT_TRUE(std::getline(in, line));  // the stream is being served
+
+    const auto second = vlm::test::get("/host/bus").sendTo(app->httpPort());
+    EXPECT_EQ(second.status, 503);
+    EXPECT_EQ(second.headers.count("Retry-After"), 1u);
+
+    const auto report = health();
+    ASSERT_TRUE(report);
+    const auto http = report->getObject("http");
+    EXPECT_EQ(http->getValue<int>("bus_taps_refused"), 1);
+    for (const char* counter : {"streams_refused", "streams_refused_per_client", "requests_refused",
+                                "slow_clients_cut", "streams", "waiting_requests"})
+        EXPECT_EQ(http->getValue<int>(counter), 0) << counter;
+    EXPECT_GE(http->getValue<int>("connections"), 2);  // the tap and this request
 }
 
 TEST_F(HostAppTest, HealthAnswersGetOnly)

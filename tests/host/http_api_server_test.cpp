@@ -281,6 +281,16 @@ TEST(HttpApiServerOptions, ReadsTheHostConfiguration)
     EXPECT_EQ(options.bearerToken, "t");
     EXPECT_EQ(options.queueSize, vlm::HttpApiServerOptions{}.queueSize);
 
+    config->setInt("http.request_deadline_seconds", 3);
+    config->setInt("http.max_streams_per_client", 1);
+    EXPECT_EQ(vlm::HttpApiServerOptions::fromConfig(*config).requestDeadline, std::chrono::seconds(3));
+    EXPECT_EQ(vlm::HttpApiServerOptions::fromConfig(*config).maxStreamsPerClient, 1);
+
+    // 1 reserved + 3 streams + 1 waiting request do not fit in 4 threads.
+    config->setInt("http.max_streams", 3);
+    EXPECT_THROW(vlm::HttpApiServerOptions::fromConfig(*config), std::invalid_argument);
+    config->setInt("http.max_streams", 2);
+
     config->setInt("http.port", 70000);
     EXPECT_THROW(vlm::HttpApiServerOptions::fromConfig(*config), std::invalid_argument);
 }

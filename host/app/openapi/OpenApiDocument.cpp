@@ -128,7 +128,12 @@ Object::Ptr components(bool tokenRequired)
     responses->set(payloadTooLarge, response("The body is larger than the server takes (http.max_body_bytes).",
                                              "application/json", serverError));
     responses->set(handlerFailed, response("The handler failed.", "application/json", serverError));
-    responses->set(stopping, response("The server is stopping.", "application/json", serverError));
+    responses->set(requestTimeout, response("The request's head and body did not arrive within "
+                                            "http.request_deadline_seconds.",
+                                            "application/json", serverError));
+    responses->set(stopping, response("The server is stopping, or the caps on plug-in event streams or waiting "
+                                      "requests are reached; \"Retry-After\" says when to try again.",
+                                      "application/json", serverError));
 
     Object::Ptr requestBodies = object();
     requestBodies->set("Envelope",

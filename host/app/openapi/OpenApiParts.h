@@ -65,6 +65,7 @@ inline constexpr const char* notFound = "NotFound";
 inline constexpr const char* methodNotAllowed = "MethodNotAllowed";
 inline constexpr const char* payloadTooLarge = "PayloadTooLarge";
 inline constexpr const char* handlerFailed = "HandlerFailed";
+inline constexpr const char* requestTimeout = "RequestTimeout";
 inline constexpr const char* stopping = "Stopping";
 
 /// Adds the server's refusals that can meet a request to a registered path.
@@ -73,6 +74,7 @@ inline void addServerRefusals(Poco::JSON::Object& responses, bool tokenRequired)
 {
     if (tokenRequired)
         responses.set("401", ref("responses", unauthorized));
+    responses.set("408", ref("responses", requestTimeout));
     responses.set("500", ref("responses", handlerFailed));
     responses.set("503", ref("responses", stopping));
 }
