@@ -67,7 +67,8 @@ public:
 
     /// The health report: "status" ("ok", or "degraded" when a plug-in failed,
     /// the broker is away or a service link is not up), "uptime_s", "http",
-    /// "mqtt" {"server_uri", "connected", "station_sn"}, "plugins" (each with
+    /// "mqtt" {"server_uri", "connected", "station_sn", "oversize_refused",
+    /// "queue_dropped", "delivered", "queue_depth"}, "plugins" (each with
     /// "name", "guid", "type", "library", "state" and "service" {"address",
     /// "port", "link", "established", "connecting"}), "failed_plugins" (each
     /// "library", "reason") and "bus" (counters). Any thread.
