@@ -29,9 +29,11 @@ protected:
     }
 
     /// A broker presenting `server` on a TLS listener.
-    static std::unique_ptr<MosquittoBroker> brokerWith(const TestCertificates::ServerCertificate& server)
+    static std::unique_ptr<MosquittoBroker> brokerWith(const TestCertificates::ServerCertificate& server,
+                                                       const std::string& listenerConfig = "")
     {
         MosquittoBroker::Options options;
+        options.listenerConfig = listenerConfig;
         options.tlsCertFile = server.certFile;
         options.tlsKeyFile = server.keyFile;
         auto broker = std::make_unique<MosquittoBroker>(options);
@@ -68,6 +70,13 @@ TEST_F(MqttTls, TheTrustedCaAndTheRightNameConnectAndCarryMessages)
         EXPECT_EQ(got.get(), "over tls");
         EXPECT_TRUE(client.Unsubscribe("/tls/echo"));
     }
+}
+
+TEST_F(MqttTls, ABrokerThatSpeaksOnlyTls13IsReached)
+{
+    auto broker = brokerWith(certificates->loopback, "tls_version tlsv1.3");
+    vlm::PahoMqttClient client(clientFor(*broker));
+    EXPECT_TRUE(client.connect()) << broker->output();
 }
 
 TEST_F(MqttTls, ACertificateForAnotherNameIsRefused)

@@ -105,6 +105,8 @@ void MosquittoBroker::writeConfig()
         config += "certfile " + options.tlsCertFile + "\n";
         config += "keyfile " + options.tlsKeyFile + "\n";
     }
+    if (!options.listenerConfig.empty())
+        config += options.listenerConfig + "\n";
     config += "persistence false\n";
     config += "log_dest stderr\n";
     config += "log_type error\nlog_type warning\nlog_type notice\n";

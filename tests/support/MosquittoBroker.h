@@ -33,6 +33,8 @@ public:
         /// When both are set (PEM files), the listener speaks TLS only.
         std::string tlsCertFile;
         std::string tlsKeyFile;
+        /// Further lines for the listener, e.g. "tls_version tlsv1.3".
+        std::string listenerConfig;
     };
 
     MosquittoBroker();
