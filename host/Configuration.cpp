@@ -106,7 +106,9 @@ std::string writeSyncedTemp(const std::string& target, const std::string& text)
         throw;
     }
     if (::close(fd) != 0) {
+        const int closeError = errno;
         ::unlink(temp.c_str());
+        errno = closeError;
         failWith("close " + temp);
     }
     return temp;

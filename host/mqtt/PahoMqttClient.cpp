@@ -45,15 +45,15 @@ PahoMqttClient::Impl::Impl(MqttClientOptions opts)
         connectOptions.set_password(options.password);
     }
     if (isTlsMqttUri(uri)) {
-        // The library's defaults check neither the host name nor, without a
-        // trust store, anything a station would want to rely on.
+        // The library's defaults do not check the host name. No OpenSSL error
+        // handler: the library hands it a pointer into a copy of these options
+        // that is gone before the handshake runs.
         ::mqtt::ssl_options tls;
         if (!options.caFile.empty())
             tls.set_trust_store(options.caFile);
         tls.set_ssl_version(MQTT_SSL_VERSION_TLS_1_2);
         tls.set_enable_server_cert_auth(!options.tlsInsecure);
         tls.set_verify(!options.tlsInsecure);
-        tls.set_error_handler([this](const std::string& text) { onTlsError(text); });
         connectOptions.set_ssl(std::move(tls));
     }
     warnAboutLinkSecurity();
@@ -73,17 +73,6 @@ void PahoMqttClient::Impl::warnAboutLinkSecurity()
     if ((!options.userName.empty() || !options.password.empty()) && !isLoopbackMqttUri(uri))
         logger.warning("mqtt user name and password go to %s unencrypted; use an ssl:// or mqtts:// broker address",
                        uri);
-}
-
-void PahoMqttClient::Impl::onTlsError(const std::string& text)
-{
-    std::uint64_t burst = 0;
-    {
-        std::lock_guard<std::mutex> lock(burstLogMutex);
-        burst = tlsErrorLog.record();
-    }
-    if (burst != 0)
-        logger.error("mqtt tls with %s: %s (%s in this burst)", uri, text, std::to_string(burst));
 }
 
 bool PahoMqttClient::Impl::onDeliveryThread()

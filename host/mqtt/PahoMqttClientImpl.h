@@ -45,7 +45,6 @@ struct PahoMqttClient::Impl {
     // Subscriptions and delivery, PahoMqttClient.cpp.
     void onMessage(const mqtt::const_message_ptr& message);
     std::vector<MessageHandler> handlersFor(const std::string& topic);
-    void onTlsError(const std::string& text);
     void warnAboutLinkSecurity();
     void subscribeAtBroker(const std::string& filter, int qos, bool wait);
     void unsubscribeAtBroker(const std::string& filter, bool wait);
@@ -95,9 +94,8 @@ struct PahoMqttClient::Impl {
     bool closed = false;  // set on destruction: later callbacks return at once
 
     std::atomic<std::uint64_t> oversizeRefused{0};
-    std::mutex burstLogMutex;  // guards oversizeLog and tlsErrorLog
+    std::mutex burstLogMutex;  // guards oversizeLog
     MqttBurstLog oversizeLog;
-    MqttBurstLog tlsErrorLog;
 
     /// Runs the handlers; last, so that its threads end before the state above.
     MqttDeliveryQueue delivery;
