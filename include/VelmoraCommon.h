@@ -22,10 +22,13 @@ VLM_EXPORT void loadConfig(const std::string& path);
 /// The file loadConfig read ("" before that).
 VLM_EXPORT std::string configPath();
 
-/// Writes the configuration back to its file atomically: a temporary file in the
-/// same directory, flushed, then renamed over the original, so a crash leaves
-/// either the old file or the new one. Returns false (and logs why) on failure
-/// or when no file was loaded.
+/// Writes the configuration back to its file atomically: an exclusively created
+/// temporary file in the same directory with the original's mode and owner
+/// (0600 for a new file: it holds the broker password and the HTTP token),
+/// synced to disk, renamed over the original, then the directory synced, so a
+/// crash or power loss leaves either the old file or the new one. Returns false
+/// (and logs why) on failure, leaving the old file as it was, or when no file
+/// was loaded.
 VLM_EXPORT bool saveConfig();
 
 /// Compact JSON text of a value, object or array.

@@ -9,7 +9,7 @@ packages=(
   mosquitto mosquitto-clients
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
-  curl procps
+  curl procps openssl
   chromium
 )
 

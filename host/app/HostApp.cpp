@@ -277,6 +277,13 @@ Poco::JSON::Object::Ptr HostApp::health() const
     broker->set("server_uri", mqtt ? mqtt->serverUri() : config.mqtt.serverUri);
     broker->set("connected", mqttUp);
     broker->set("station_sn", config.mqtt.stationSerial);
+    if (mqtt) {
+        const PahoMqttClient::Counters intake = mqtt->counters();
+        broker->set("oversize_refused", intake.oversizeRefused);
+        broker->set("queue_dropped", intake.queueDrops);
+        broker->set("delivered", intake.delivered);
+        broker->set("queue_depth", intake.queueDepth);
+    }
 
     Poco::JSON::Array::Ptr loaded = new Poco::JSON::Array;
     for (const auto& record : recordsNow) {

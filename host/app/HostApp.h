@@ -71,7 +71,8 @@ public:
     /// refusals: "connections", "streams", "waiting_requests",
     /// "streams_refused", "streams_refused_per_client", "requests_refused",
     /// "bus_taps_refused", "slow_clients_cut"},
-    /// "mqtt" {"server_uri", "connected", "station_sn"}, "plugins" (each with
+    /// "mqtt" {"server_uri", "connected", "station_sn", "oversize_refused",
+    /// "queue_dropped", "delivered", "queue_depth"}, "plugins" (each with
     /// "name", "guid", "type", "library", "state" and "service" {"address",
     /// "port", "link", "established", "connecting"}), "failed_plugins" (each
     /// "library", "reason") and "bus" (counters). Any thread.

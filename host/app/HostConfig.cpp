@@ -155,6 +155,22 @@ HttpApiServerOptions readHttp(const KeyReader& keys)
     return http;
 }
 
+void readMqttBounds(const KeyReader& keys, MqttClientOptions& mqtt)
+{
+    const auto size = [&](const char* key, std::size_t fallback, Poco::Int64 min, Poco::Int64 max) {
+        return static_cast<std::size_t>(keys.number(key, static_cast<Poco::Int64>(fallback), min, max));
+    };
+    // 268435455 is the largest payload MQTT can carry at all.
+    mqtt.maxPayloadBytes = size("mqtt.max_payload_bytes", mqtt.maxPayloadBytes, 1, 268435455);
+    mqtt.deliveryThreads = size("mqtt.delivery_threads", mqtt.deliveryThreads, 1, 64);
+    mqtt.deliveryQueueMessages = size("mqtt.delivery_queue_messages", mqtt.deliveryQueueMessages, 1, 1000000);
+    mqtt.deliveryQueueBytes = size("mqtt.delivery_queue_bytes", mqtt.deliveryQueueBytes, 1, 4294967295LL);
+    if (mqtt.deliveryQueueBytes < mqtt.maxPayloadBytes)
+        throw ConfigError("mqtt.delivery_queue_bytes",
+                          "must be at least mqtt.max_payload_bytes (" + std::to_string(mqtt.maxPayloadBytes) +
+                              "), got " + std::to_string(mqtt.deliveryQueueBytes));
+}
+
 MqttClientOptions readMqtt(const KeyReader& keys, const std::string& configDir)
 {
     MqttClientOptions mqtt;
@@ -173,7 +189,9 @@ MqttClientOptions readMqtt(const KeyReader& keys, const std::string& configDir)
         if (!Poco::File(mqtt.caFile).exists())
             throw ConfigError("mqtt.ca_file", "no such file: " + mqtt.caFile);
     }
+    mqtt.tlsInsecure = keys.flag("mqtt.tls_insecure", mqtt.tlsInsecure);
     mqtt.clientId = keys.text("mqtt.client_id", "");
+    readMqttBounds(keys, mqtt);
     mqtt.stationSerial = keys.text("station.station_sn", "");
     return mqtt;
 }

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <stdexcept>
 
+#include <Poco/Net/IPAddress.h>
+
 namespace vlm {
 namespace {
 
@@ -10,7 +12,12 @@ const char* const keyServerUri = "mqtt.server_uri";
 const char* const keyUserName = "mqtt.user_name";
 const char* const keyPassword = "mqtt.pawsswd";
 const char* const keyCaFile = "mqtt.ca_file";
+const char* const keyTlsInsecure = "mqtt.tls_insecure";
 const char* const keyClientId = "mqtt.client_id";
+const char* const keyMaxPayloadBytes = "mqtt.max_payload_bytes";
+const char* const keyDeliveryThreads = "mqtt.delivery_threads";
+const char* const keyDeliveryQueueMessages = "mqtt.delivery_queue_messages";
+const char* const keyDeliveryQueueBytes = "mqtt.delivery_queue_bytes";
 const char* const keyStationSerial = "station.station_sn";
 
 [[noreturn]] void refuse(const std::string& configured, const std::string& why)
@@ -38,7 +45,15 @@ MqttClientOptions MqttClientOptions::fromConfig(const Poco::Util::AbstractConfig
     options.userName = config.getString(keyUserName, "");
     options.password = config.getString(keyPassword, "");
     options.caFile = config.getString(keyCaFile, "");
+    options.tlsInsecure = config.getBool(keyTlsInsecure, false);
     options.clientId = config.getString(keyClientId, "");
+    const auto size = [&](const char* key, std::size_t fallback) {
+        return static_cast<std::size_t>(config.getUInt64(key, fallback));
+    };
+    options.maxPayloadBytes = size(keyMaxPayloadBytes, options.maxPayloadBytes);
+    options.deliveryThreads = size(keyDeliveryThreads, options.deliveryThreads);
+    options.deliveryQueueMessages = size(keyDeliveryQueueMessages, options.deliveryQueueMessages);
+    options.deliveryQueueBytes = size(keyDeliveryQueueBytes, options.deliveryQueueBytes);
     options.stationSerial = config.getString(keyStationSerial, "");
     return options;
 }
@@ -101,6 +116,26 @@ std::string normalizeMqttServerUri(const std::string& configured)
 bool isTlsMqttUri(const std::string& normalized)
 {
     return normalized.compare(0, 6, "ssl://") == 0;
+}
+
+std::string mqttUriHost(const std::string& normalized)
+{
+    const auto start = normalized.find("://");
+    const auto colon = normalized.rfind(':');
+    if (start == std::string::npos || colon == std::string::npos || colon < start + 3)
+        return {};
+    return normalized.substr(start + 3, colon - start - 3);
+}
+
+bool isLoopbackMqttUri(const std::string& normalized)
+{
+    std::string host = mqttUriHost(normalized);
+    if (host == "localhost")
+        return true;
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    Poco::Net::IPAddress address;
+    return Poco::Net::IPAddress::tryParse(host, address) && address.isLoopback();
 }
 
 } // namespace vlm

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include <Poco/Util/AbstractConfiguration.h>
@@ -21,6 +22,9 @@ struct VLM_EXPORT MqttClientOptions {
     /// PEM file with the certificate authorities trusted for "ssl://"; empty
     /// means the system's default trust store.
     std::string caFile;
+    /// Turns off the check of the broker's certificate chain and host name on
+    /// "ssl://" (logged as a warning at every start). For test benches only.
+    bool tlsInsecure = false;
     /// Client identifier at the broker; empty means a unique one is made up.
     std::string clientId;
     /// The station serial number that getstation() reports.
@@ -40,10 +44,22 @@ struct VLM_EXPORT MqttClientOptions {
     /// unsubscribe or disconnect.
     std::chrono::milliseconds operationTimeout{5000};
 
+    /// Larger messages are refused on arrival, before any handler sees them.
+    std::size_t maxPayloadBytes = 1048576;
+    /// Threads that run the handlers; a topic is always served by the same one.
+    std::size_t deliveryThreads = 4;
+    /// Bounds of the messages waiting for a delivery thread, over all threads:
+    /// their count and the bytes of their topics and payloads. A message that
+    /// does not fit is dropped. Keep the bytes at or above maxPayloadBytes.
+    std::size_t deliveryQueueMessages = 1000;
+    std::size_t deliveryQueueBytes = 16 * 1048576;
+
     /// Reads "mqtt.server_uri" (default "127.0.0.1:1883"), "mqtt.user_name",
     /// "mqtt.pawsswd" (the key is spelt so in every station's configuration),
-    /// "mqtt.ca_file", "mqtt.client_id" and "station.station_sn"; missing keys
-    /// keep the defaults above.
+    /// "mqtt.ca_file", "mqtt.tls_insecure", "mqtt.client_id",
+    /// "mqtt.max_payload_bytes", "mqtt.delivery_threads",
+    /// "mqtt.delivery_queue_messages", "mqtt.delivery_queue_bytes" and
+    /// "station.station_sn"; missing keys keep the defaults above.
     static MqttClientOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
 };
 
@@ -54,5 +70,12 @@ VLM_EXPORT std::string normalizeMqttServerUri(const std::string& configured);
 
 /// Whether a normalized URI asks for TLS.
 VLM_EXPORT bool isTlsMqttUri(const std::string& normalized);
+
+/// The host part of a normalized URI, IPv6 addresses in brackets.
+VLM_EXPORT std::string mqttUriHost(const std::string& normalized);
+
+/// Whether the host of a normalized URI is the loopback interface
+/// ("localhost", 127.0.0.0/8 or [::1]).
+VLM_EXPORT bool isLoopbackMqttUri(const std::string& normalized);
 
 } // namespace vlm

@@ -15,8 +15,6 @@
 namespace vlm {
 namespace {
 
-thread_local bool insideDelivery = false;
-
 // Two clients with one identifier would throw each other off the broker, so an
 // identifier nobody configured must be unique per process and per client.
 std::string makeClientId()
@@ -33,7 +31,9 @@ PahoMqttClient::Impl::Impl(MqttClientOptions opts)
     : options(std::move(opts)),
       uri(normalizeMqttServerUri(options.serverUri)),
       logger(Poco::Logger::get(logName())),
-      client(uri, options.clientId.empty() ? makeClientId() : options.clientId)
+      client(uri, options.clientId.empty() ? makeClientId() : options.clientId),
+      delivery({options.deliveryThreads, options.deliveryQueueMessages, options.deliveryQueueBytes},
+               [this](const std::string& topic) { return handlersFor(topic); })
 {
     connectOptions.set_clean_session(true);
     connectOptions.set_mqtt_version(MQTTVERSION_3_1_1);
@@ -45,45 +45,74 @@ PahoMqttClient::Impl::Impl(MqttClientOptions opts)
         connectOptions.set_password(options.password);
     }
     if (isTlsMqttUri(uri)) {
+        // The library's defaults do not check the host name. No OpenSSL error
+        // handler: the library hands it a pointer into a copy of these options
+        // that is gone before the handshake runs.
         ::mqtt::ssl_options tls;
         if (!options.caFile.empty())
             tls.set_trust_store(options.caFile);
+        tls.set_ssl_version(MQTT_SSL_VERSION_TLS_1_2);
+        tls.set_enable_server_cert_auth(!options.tlsInsecure);
+        tls.set_verify(!options.tlsInsecure);
         connectOptions.set_ssl(std::move(tls));
     }
+    warnAboutLinkSecurity();
     client.set_message_callback([this](::mqtt::const_message_ptr message) { onMessage(message); });
     client.set_connection_lost_handler([this](const std::string& cause) { onConnectionLost(cause); });
 }
 
+void PahoMqttClient::Impl::warnAboutLinkSecurity()
+{
+    if (isTlsMqttUri(uri)) {
+        if (options.tlsInsecure)
+            logger.warning("mqtt.tls_insecure is set: the certificate and host name of %s are not checked; whoever "
+                           "sits between this host and the broker can read and change the traffic",
+                           uri);
+        return;
+    }
+    if ((!options.userName.empty() || !options.password.empty()) && !isLoopbackMqttUri(uri))
+        logger.warning("mqtt user name and password go to %s unencrypted; use an ssl:// or mqtts:// broker address",
+                       uri);
+}
+
 bool PahoMqttClient::Impl::onDeliveryThread()
 {
-    return insideDelivery;
+    return MqttDeliveryQueue::onDeliveryThread();
 }
 
 void PahoMqttClient::Impl::onMessage(const ::mqtt::const_message_ptr& message)
 {
     if (!enterCallback())
         return;
-    const std::string& topic = message->get_topic();
-    std::vector<MessageHandler> matching;
-    {
-        std::lock_guard<std::mutex> lock(subscriptionsMutex);
-        for (const auto& subscription : subscriptions)
-            if (mqttTopicMatches(subscription.filter, topic))
-                matching.insert(matching.end(), subscription.handlers.begin(), subscription.handlers.end());
-    }
-    insideDelivery = true;
-    const std::string payload = message->to_string();
-    for (const auto& handler : matching) {
-        try {
-            handler(topic, payload);
-        } catch (const std::exception& e) {
-            logger.error("mqtt handler for topic %s threw: %s", topic, std::string(e.what()));
-        } catch (...) {
-            logger.error("mqtt handler for topic %s threw a non-standard exception", topic);
+    // The library has read the message already; what matters is that nothing
+    // parses, copies or queues it.
+    const std::size_t size = message->get_payload_ref().size();
+    if (size > options.maxPayloadBytes) {
+        const std::uint64_t total = ++oversizeRefused;
+        std::uint64_t burst = 0;
+        {
+            std::lock_guard<std::mutex> lock(burstLogMutex);
+            burst = oversizeLog.record();
         }
+        if (burst != 0)
+            logger.error("mqtt message on %s refused: %z bytes, above mqtt.max_payload_bytes (%z); %s refused in "
+                         "this burst, %s in all",
+                         message->get_topic(), size, options.maxPayloadBytes, std::to_string(burst),
+                         std::to_string(total));
+    } else {
+        delivery.push(message);
     }
-    insideDelivery = false;
     leaveCallback();
+}
+
+std::vector<MqttClient::MessageHandler> PahoMqttClient::Impl::handlersFor(const std::string& topic)
+{
+    std::vector<MessageHandler> matching;
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    for (const auto& subscription : subscriptions)
+        if (mqttTopicMatches(subscription.filter, topic))
+            matching.insert(matching.end(), subscription.handlers.begin(), subscription.handlers.end());
+    return matching;
 }
 
 void PahoMqttClient::Impl::subscribeAtBroker(const std::string& filter, int qos, bool wait)
@@ -151,6 +180,19 @@ PahoMqttClient::~PahoMqttClient()
 {
     impl->stopKeeping();
     impl->closeCallbacks();
+    impl->delivery.close(impl->options.operationTimeout);
+}
+
+PahoMqttClient::Counters PahoMqttClient::counters() const
+{
+    const MqttDeliveryQueue::Counters queue = impl->delivery.counters();
+    Counters c;
+    c.oversizeRefused = impl->oversizeRefused.load();
+    c.queueDrops = queue.dropped;
+    c.delivered = queue.delivered;
+    c.queueDepth = queue.depth;
+    c.queueBytes = queue.depthBytes;
+    return c;
 }
 
 bool PahoMqttClient::connect()
@@ -230,8 +272,9 @@ bool PahoMqttClient::Unsubscribe(const std::string& topic)
     const bool wait = !Impl::onDeliveryThread();
     if (impl->linkUp.load())
         impl->unsubscribeAtBroker(topic, wait);
-    if (wait)
-        impl->waitForRunningCallbacks();
+    if (wait && !impl->delivery.waitForRunning(impl->options.operationTimeout))
+        impl->logger.error("mqtt handler still running %d ms after unsubscribing %s",
+                           static_cast<int>(impl->options.operationTimeout.count()), topic);
     return true;
 }
 

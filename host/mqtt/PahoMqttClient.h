@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -19,23 +20,38 @@ namespace vlm {
 /// (re)connect the keeper subscribes every recorded topic again before it
 /// reports the link ready; a plug-in subscribes once and never sees the gap.
 ///
-/// Delivery: each arriving message goes, in subscription order, to every
-/// handler whose topic filter matches it. Handlers run on the library's one
-/// delivery thread, outside every lock of this class, so they may call
-/// Subscribe, Unsubscribe and PublishMessage. An exception from a handler is
-/// logged and the next handler still runs.
+/// Intake: a message larger than maxPayloadBytes is refused as it arrives,
+/// before any handler sees it (counted, logged once per burst).
 ///
-/// Acknowledgements are processed on that same delivery thread, so calls made
-/// from a handler never wait for one: there PublishMessage returns once the
-/// message is handed to the library, and Subscribe/Unsubscribe once the request
-/// is sent.
+/// Delivery: the library's network thread only queues a message; a small
+/// fixed set of delivery threads of this client (deliveryThreads) hands it, in
+/// subscription order, to every handler whose topic filter matches. A topic
+/// is always served by the same delivery thread, so its messages arrive in
+/// order, and a handler that blocks never holds up the link's keep-alive. The
+/// queue is bounded in count and bytes (deliveryQueueMessages,
+/// deliveryQueueBytes); a message that does not fit is dropped, counted and
+/// logged once per burst. Handlers run outside every lock of this class, so
+/// they may call Subscribe, Unsubscribe and PublishMessage; an exception from
+/// a handler is logged and the next handler still runs.
+///
+/// Inside a handler (on a delivery thread) calls never wait for the broker:
+/// PublishMessage returns once the message is handed to the library, and
+/// Subscribe/Unsubscribe once the request is sent; a handler that waited
+/// would hold up every topic of its thread.
+///
+/// TLS ("ssl://", "mqtts://"): TLS 1.2 or later, the broker's certificate
+/// chain checked against caFile (or the system's trust store) and its host
+/// name against the address, unless tlsInsecure, which is logged as a warning
+/// by the constructor. Credentials sent unencrypted to a broker that is not on
+/// loopback are logged as a warning too.
 ///
 /// All public members are safe to call from any thread.
 class VLM_EXPORT PahoMqttClient : public MqttClient {
 public:
     /// Throws std::invalid_argument when the server address cannot be used.
     explicit PahoMqttClient(MqttClientOptions options);
-    /// Disconnects; returns within the bounds of disconnect().
+    /// Disconnects and ends the delivery threads; returns within the bounds of
+    /// disconnect() plus operationTimeout for a handler still running.
     ~PahoMqttClient() override;
     PahoMqttClient(const PahoMqttClient&) = delete;
     PahoMqttClient& operator=(const PahoMqttClient&) = delete;
@@ -84,6 +100,16 @@ public:
 
     /// Whether the link to the broker is up right now.
     bool isConnected() const override;
+
+    /// What the intake and the delivery queue did since construction.
+    struct Counters {
+        std::uint64_t oversizeRefused = 0;  // messages above maxPayloadBytes
+        std::uint64_t queueDrops = 0;       // messages dropped because the queue was full
+        std::uint64_t delivered = 0;        // messages whose handlers have all run
+        std::uint64_t queueDepth = 0;       // messages waiting for a delivery thread now
+        std::uint64_t queueBytes = 0;       // their bytes
+    };
+    Counters counters() const;
 
 private:
     struct Impl;

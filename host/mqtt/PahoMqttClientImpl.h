@@ -15,6 +15,8 @@
 #include <Poco/Logger.h>
 #include <mqtt/async_client.h>
 
+#include "mqtt/MqttBurstLog.h"
+#include "mqtt/MqttDeliveryQueue.h"
 #include "mqtt/PahoMqttClient.h"
 
 namespace vlm {
@@ -35,11 +37,15 @@ struct PahoMqttClient::Impl {
     void stopKeeping();
     void keepLink();
     bool attemptConnect(bool quiet);
+    /// What a TLS link asks of the broker's certificate, for failure logs.
+    std::string tlsRequirement() const;
     void restoreSubscriptions();
     void onConnectionLost(const std::string& cause);
 
     // Subscriptions and delivery, PahoMqttClient.cpp.
     void onMessage(const mqtt::const_message_ptr& message);
+    std::vector<MessageHandler> handlersFor(const std::string& topic);
+    void warnAboutLinkSecurity();
     void subscribeAtBroker(const std::string& filter, int qos, bool wait);
     void unsubscribeAtBroker(const std::string& filter, bool wait);
 
@@ -54,8 +60,8 @@ struct PahoMqttClient::Impl {
     /// library client and this state are destroyed.
     void closeCallbacks();
 
-    /// Whether the calling thread is the library's delivery thread, inside a
-    /// message handler of any client.
+    /// Whether the calling thread is a delivery thread of any client, which is
+    /// where every message handler runs.
     static bool onDeliveryThread();
 
     const MqttClientOptions options;
@@ -86,6 +92,13 @@ struct PahoMqttClient::Impl {
     std::uint64_t callbacksStarted = 0;
     std::uint64_t callbacksFinished = 0;
     bool closed = false;  // set on destruction: later callbacks return at once
+
+    std::atomic<std::uint64_t> oversizeRefused{0};
+    std::mutex burstLogMutex;  // guards oversizeLog
+    MqttBurstLog oversizeLog;
+
+    /// Runs the handlers; last, so that its threads end before the state above.
+    MqttDeliveryQueue delivery;
 };
 
 } // namespace vlm

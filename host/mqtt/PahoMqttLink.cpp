@@ -115,7 +115,7 @@ bool PahoMqttClient::Impl::attemptConnect(bool quiet)
         if (quiet)
             logger.debug("mqtt connect to %s failed again: %s", uri, std::string(e.what()));
         else
-            logger.error("mqtt connect to %s failed: %s", uri, std::string(e.what()));
+            logger.error("mqtt connect to %s failed: %s%s", uri, std::string(e.what()), tlsRequirement());
         return false;
     }
     linkUp = true;
@@ -126,6 +126,17 @@ bool PahoMqttClient::Impl::attemptConnect(bool quiet)
     restoreSubscriptions();
     logger.information("mqtt connected to %s", uri);
     return linkUp.load();
+}
+
+std::string PahoMqttClient::Impl::tlsRequirement() const
+{
+    // The library reports a refused certificate as a plain connect failure
+    // (a wrong host name without any reason at all), so say what was asked.
+    if (!isTlsMqttUri(uri) || options.tlsInsecure)
+        return {};
+    return " (TLS: the broker's certificate must chain to a CA in " +
+           (options.caFile.empty() ? std::string("the system's trust store") : options.caFile) +
+           " and be issued for " + mqttUriHost(uri) + ")";
 }
 
 void PahoMqttClient::Impl::restoreSubscriptions()

@@ -100,7 +100,9 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
       "http": {"address": "::1", "port": 0, "threads": 7, "queue": 9, "max_body_bytes": 100,
                "keep_alive": false, "token": "s3cret", "reserved_host_threads": 1, "max_streams": 3,
                "max_streams_per_client": 2, "max_waiting_requests": 3, "request_deadline_seconds": 4},
-      "mqtt": {"server_uri": "mqtts://broker.example:8884", "user_name": "u", "pawsswd": "p", "client_id": "c"},
+      "mqtt": {"server_uri": "mqtts://broker.example:8884", "user_name": "u", "pawsswd": "p", "client_id": "c",
+               "tls_insecure": true, "max_payload_bytes": 2048, "delivery_threads": 2,
+               "delivery_queue_messages": 50, "delivery_queue_bytes": 4096},
       "station": {"station_sn": "SN-1"},
       "plugins": [{"library": "/abs/libA.so", "service_address": "10.0.0.2", "service_port": 1,
                    "service_wait_seconds": 0}],
@@ -123,6 +125,11 @@ TEST_F(HostConfigTest, ReadsEveryDocumentedKey)
     EXPECT_EQ(config.mqtt.userName, "u");
     EXPECT_EQ(config.mqtt.password, "p");
     EXPECT_EQ(config.mqtt.clientId, "c");
+    EXPECT_TRUE(config.mqtt.tlsInsecure);
+    EXPECT_EQ(config.mqtt.maxPayloadBytes, 2048u);
+    EXPECT_EQ(config.mqtt.deliveryThreads, 2u);
+    EXPECT_EQ(config.mqtt.deliveryQueueMessages, 50u);
+    EXPECT_EQ(config.mqtt.deliveryQueueBytes, 4096u);
     EXPECT_EQ(config.mqtt.stationSerial, "SN-1");
     EXPECT_EQ(config.plugins[0].serviceAddress, "10.0.0.2");
     EXPECT_EQ(config.plugins[0].serviceWait, std::chrono::seconds(0));
@@ -161,6 +168,11 @@ TEST_F(HostConfigTest, BadValuesNameTheKeyAndTheReason)
         {"mqtt", "server_uri", "\"ftp://x\"", "mqtt.server_uri", "unknown scheme"},
         {"mqtt", "server_uri", "42", "mqtt.server_uri", "expected a string"},
         {"mqtt", "ca_file", "\"missing-ca.pem\"", "mqtt.ca_file", "no such file"},
+        {"mqtt", "tls_insecure", "\"yes\"", "mqtt.tls_insecure", "true or false"},
+        {"mqtt", "max_payload_bytes", "0", "mqtt.max_payload_bytes", "from 1 to 268435455"},
+        {"mqtt", "delivery_threads", "65", "mqtt.delivery_threads", "from 1 to 64"},
+        {"mqtt", "delivery_queue_messages", "0", "mqtt.delivery_queue_messages", "from 1"},
+        {"mqtt", "delivery_queue_bytes", "1000", "mqtt.delivery_queue_bytes", "at least mqtt.max_payload_bytes"},
         {"log", "level", "\"loud\"", "log.level", "unknown level"},
         {"log", "file", "\"/no/such/folder/host.log\"", "log.file", "folder does not exist"},
         {"bus", "max_queue_bytes", "0", "bus.max_queue_bytes", "from 1"},

@@ -78,6 +78,8 @@ TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailureWithItsReason)
     EXPECT_EQ(report->getValue<std::string>("status"), "degraded");
     EXPECT_TRUE(report->getObject("mqtt")->getValue<bool>("connected"));
     EXPECT_EQ(report->getObject("mqtt")->getValue<std::string>("station_sn"), "station-7");
+    for (const char* counter : {"oversize_refused", "queue_dropped", "delivered", "queue_depth"})
+        EXPECT_TRUE(report->getObject("mqtt")->has(counter)) << counter;
     EXPECT_EQ(report->getObject("http")->getValue<int>("port"), app->httpPort());
 
     const auto plugins = report->getArray("plugins");

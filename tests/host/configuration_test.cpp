@@ -1,3 +1,8 @@
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -32,6 +37,68 @@ TEST(Configuration, LoadsSavesAndReloadsTheSameValues)
     EXPECT_EQ(saved->getObject("http")->getValue<int>("port"), 8080);
 
     // No temporary file is left beside it.
+    std::vector<std::string> names;
+    Poco::File(dir.path).list(names);
+    EXPECT_EQ(names, std::vector<std::string>{"host.json"});
+}
+
+TEST(Configuration, SavingKeepsTheFilesModeAndLeavesNoTemporaryFile)
+{
+    TempDir dir;
+    const std::string path = dir.write("host.json", R"({"mqtt":{"pawsswd":"tepid@brkr"}})");
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+    vlm::loadConfig(path);
+    vlm::configInstance().setString("http.token", "s3cret");
+    ASSERT_TRUE(vlm::saveConfig());
+
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    auto saved = Poco::JSON::Parser().parse(TempDir::read(path)).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_EQ(saved->getObject("http")->getValue<std::string>("token"), "s3cret");
+    EXPECT_EQ(saved->getObject("mqtt")->getValue<std::string>("pawsswd"), "tepid@brkr");
+    std::vector<std::string> names;
+    Poco::File(dir.path).list(names);
+    EXPECT_EQ(names, std::vector<std::string>{"host.json"});
+
+    // Another mode is kept just the same, and so is another owner where the
+    // saving process may set one (root, as a station's host often runs).
+    ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+    const bool mayChown = ::geteuid() == 0 && ::chown(path.c_str(), 65534, 65534) == 0;
+    ASSERT_TRUE(vlm::saveConfig());
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0640u);
+    if (mayChown) {
+        EXPECT_EQ(info.st_uid, 65534u);
+        EXPECT_EQ(info.st_gid, 65534u);
+    }
+}
+
+TEST(Configuration, AFailedSaveLeavesTheOldFileIntactAndSaysWhy)
+{
+    TempDir dir;
+    const std::string original = R"({"a":1})";
+    const std::string path = dir.write("host.json", original);
+    vlm::loadConfig(path);
+    vlm::configInstance().setString("bulk", std::string(4096, 'x'));
+
+    // A file size limit makes the write fail half-way, as a full disk would;
+    // it works for root too, unlike a read-only folder.
+    struct rlimit before {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = before;
+    small.rlim_cur = 1024;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    vlm::test::LogCapture log;
+    const bool saved = vlm::saveConfig();
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, oldHandler);
+
+    EXPECT_FALSE(saved);
+    EXPECT_TRUE(log.contains("saveConfig failed"));
+    EXPECT_TRUE(log.contains("File too large"));
+    EXPECT_EQ(TempDir::read(path), original);
     std::vector<std::string> names;
     Poco::File(dir.path).list(names);
     EXPECT_EQ(names, std::vector<std::string>{"host.json"});

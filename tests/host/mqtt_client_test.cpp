@@ -308,7 +308,10 @@ TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater
 
 TEST(MqttClientCredentials, TheBrokerLetsInTheRightUserAndRefusesOthers)
 {
-    MosquittoBroker broker({"hangarInside", "tepid@brkr"});
+    MosquittoBroker::Options login;
+    login.userName = "hangarInside";
+    login.password = "tepid@brkr";
+    MosquittoBroker broker(login);
     broker.start();
     auto options = optionsFor(broker);
 

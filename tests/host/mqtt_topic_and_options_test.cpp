@@ -95,4 +95,37 @@ TEST(MqttClientOptions, ReadsTheHostConfigurationKeysAsStationsSpellThem)
     EXPECT_EQ(options.stationSerial, "SN-0042");
 }
 
+TEST(MqttClientOptions, ReadsTheIntakeBoundsAndTheTlsSwitchWithTheirDefaults)
+{
+    Poco::AutoPtr<Poco::Util::JSONConfiguration> config(new Poco::Util::JSONConfiguration);
+    const auto defaults = vlm::MqttClientOptions::fromConfig(*config);
+    EXPECT_EQ(defaults.maxPayloadBytes, 1048576u);
+    EXPECT_EQ(defaults.deliveryQueueMessages, 1000u);
+    EXPECT_EQ(defaults.deliveryQueueBytes, 16u * 1048576u);
+    EXPECT_EQ(defaults.deliveryThreads, 4u);
+    EXPECT_FALSE(defaults.tlsInsecure);
+    EXPECT_GE(defaults.deliveryQueueBytes, defaults.maxPayloadBytes);
+
+    config->setUInt64("mqtt.max_payload_bytes", 13000000);
+    config->setUInt64("mqtt.delivery_queue_messages", 10);
+    config->setUInt64("mqtt.delivery_queue_bytes", 20000000);
+    config->setUInt64("mqtt.delivery_threads", 1);
+    config->setBool("mqtt.tls_insecure", true);
+    const auto options = vlm::MqttClientOptions::fromConfig(*config);
+    EXPECT_EQ(options.maxPayloadBytes, 13000000u);
+    EXPECT_EQ(options.deliveryQueueMessages, 10u);
+    EXPECT_EQ(options.deliveryQueueBytes, 20000000u);
+    EXPECT_EQ(options.deliveryThreads, 1u);
+    EXPECT_TRUE(options.tlsInsecure);
+}
+
+TEST(MqttServerUri, TellsLoopbackBrokersFromOthers)
+{
+    for (const char* local : {"127.0.0.1:1883", "tcp://127.3.2.1:1", "localhost", "[::1]:1883"})
+        EXPECT_TRUE(vlm::isLoopbackMqttUri(vlm::normalizeMqttServerUri(local))) << local;
+    for (const char* remote : {"10.0.0.2:1883", "127.example.com:1883", "broker.local", "[::2]:1883", "0.0.0.0:1"})
+        EXPECT_FALSE(vlm::isLoopbackMqttUri(vlm::normalizeMqttServerUri(remote))) << remote;
+    EXPECT_EQ(vlm::mqttUriHost("ssl://[::1]:8883"), "[::1]");
+}
+
 } // namespace

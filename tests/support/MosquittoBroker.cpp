@@ -70,7 +70,7 @@ std::string MosquittoBroker::hostPort() const
 
 std::string MosquittoBroker::uri() const
 {
-    return "tcp://" + hostPort();
+    return (tls() ? "ssl://" : "tcp://") + hostPort();
 }
 
 std::string MosquittoBroker::output() const
@@ -101,6 +101,12 @@ void MosquittoBroker::writeConfig()
 {
     std::string config;
     config += "listener " + std::to_string(listenPort) + " " + loopback + "\n";
+    if (tls()) {
+        config += "certfile " + options.tlsCertFile + "\n";
+        config += "keyfile " + options.tlsKeyFile + "\n";
+    }
+    if (!options.listenerConfig.empty())
+        config += options.listenerConfig + "\n";
     config += "persistence false\n";
     config += "log_dest stderr\n";
     config += "log_type error\nlog_type warning\nlog_type notice\n";

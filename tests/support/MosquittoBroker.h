@@ -30,6 +30,11 @@ public:
         /// `password` is let in.
         std::string userName;
         std::string password;
+        /// When both are set (PEM files), the listener speaks TLS only.
+        std::string tlsCertFile;
+        std::string tlsKeyFile;
+        /// Further lines for the listener, e.g. "tls_version tlsv1.3".
+        std::string listenerConfig;
     };
 
     MosquittoBroker();
@@ -54,8 +59,9 @@ public:
 
     /// "127.0.0.1:<port>", the form the host configuration uses.
     std::string hostPort() const;
-    /// "tcp://127.0.0.1:<port>".
+    /// "tcp://127.0.0.1:<port>", or "ssl://127.0.0.1:<port>" for a TLS listener.
     std::string uri() const;
+    bool tls() const { return !options.tlsCertFile.empty(); }
 
     /// What the broker wrote to standard output and error so far.
     std::string output() const;
