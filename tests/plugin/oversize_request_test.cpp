@@ -139,23 +139,28 @@ TEST_F(OversizeRequest, BusMessageIsLoggedAndDroppedWhileTheNextIsServed)
     expectLinkUntouched();
 }
 
-// The options of the test's ground application. Built here, in one place, so
-// that an intake bound of the MQTT adapter can be raised above the test's
-// 12 MB command with one line.
-vlm::MqttClientOptions groundAppOptions(const std::string& serverUri)
+// Every MQTT client of the 12 MB command test (the station's and the ground
+// application's) gets its options through here, so that an intake bound of
+// the MQTT adapter is raised above the 12 MB command in this one place.
+vlm::MqttClientOptions roomForTheBigCommand(vlm::MqttClientOptions options)
 {
-    vlm::MqttClientOptions options;
-    options.serverUri = serverUri;
     return options;
 }
 
 // A 12 MB command on the station's command topic through a real broker.
 class OversizeMqttCommand : public OversizeRequest {
 protected:
+    vlm::MqttClientOptions stationClientOptions() override
+    {
+        return roomForTheBigCommand(OversizeRequest::stationClientOptions());
+    }
+
     void SetUp() override
     {
         OversizeRequest::SetUp();
-        app = std::make_unique<vlm::PahoMqttClient>(groundAppOptions(broker.hostPort()));
+        vlm::MqttClientOptions ground;
+        ground.serverUri = broker.hostPort();
+        app = std::make_unique<vlm::PahoMqttClient>(roomForTheBigCommand(ground));
         ASSERT_TRUE(app->connect());
         app->Subscribe(
             [this](const std::string&, const std::string& payload) {
