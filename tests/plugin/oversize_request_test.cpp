@@ -10,6 +10,7 @@
 #include "LinkHealth.h"
 #include "PluginFixture.h"
 #include "RecordingMqttClient.h"
+#include "ThreadPool.h"
 #include "host/HttpTestClient.h"
 #include "rpc/rpc_client.h"
 #include "support/LogCapture.h"
@@ -50,16 +51,26 @@ protected:
         vlm::HttpApiServerOptions options;
         options.maxBodyBytes = 16u << 20;
         server = std::make_shared<vlm::HttpApiServer>(options);
+        // As a host does: before start, so no thread reads it while it changes.
+        plugin->setCallback(bus.callback());
     }
 
     void SetUp() override
     {
         FrontsFixture::SetUp();
         vehicleConnected(true);
-        plugin->setCallback(bus.callback());
         acceptedBefore = service.service.accepted_count();
         callClient = state().callClient();
         ASSERT_TRUE(callClient);
+    }
+
+    void TearDown() override
+    {
+        FrontsFixture::TearDown();
+        // Publishing work still queued hands records to `bus`, which goes
+        // before the plug-in does: let it finish first.
+        vlm::ThreadPool::defaultPool().joinAll();
+        EXPECT_TRUE(vlm::PilotControlPTestAccess::drainOutbound(*plugin, std::chrono::seconds(10)));
     }
 
     /// No frame at or above the limit reached the service, and the call link
