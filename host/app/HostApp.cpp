@@ -121,7 +121,8 @@ void HostApp::startPlugin(const PluginConfig& plugin)
     {
         std::lock_guard<std::mutex> lock(statusMutex);
         records.push_back(PluginRecord{loaded.libraryPath, loaded.name, loaded.guid, loaded.type,
-                                       plugin.serviceAddress, plugin.servicePort, "starting"});
+                                       plugin.serviceAddress, plugin.servicePort, "starting",
+                                       findPluginLinkHealth(*loaded.library)});
     }
     std::shared_ptr<MessageBus> bus = messageBus;
     const std::string origin = loaded.guid;
@@ -304,6 +305,10 @@ Poco::JSON::Object::Ptr HostApp::health() const
         service->set("link", std::string(linkName(link.link)));
         service->set("established", link.established);
         service->set("connecting", link.connecting);
+        if (record.linkHealth) {
+            if (const auto report = readPluginLinkHealth(record.linkHealth))
+                addPluginLinkHealth(*service, *report, record.serviceAddress, record.servicePort);
+        }
         entry->set("service", service);
         loaded->add(entry);
     }

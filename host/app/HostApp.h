@@ -17,6 +17,7 @@
 #include "app/BusTapRoute.h"
 #include "app/HostConfig.h"
 #include "app/MessageBus.h"
+#include "app/PluginLinkHealth.h"
 #include "app/PluginLoader.h"
 #include "app/openapi/ApiDescriptionRoute.h"
 #include "http/HttpApiServer.h"
@@ -74,7 +75,8 @@ public:
     /// "mqtt" {"server_uri", "connected", "station_sn", "oversize_refused",
     /// "queue_dropped", "delivered", "queue_depth"}, "plugins" (each with
     /// "name", "guid", "type", "library", "state" and "service" {"address",
-    /// "port", "link", "established", "connecting"}), "failed_plugins" (each
+    /// "port", "link", "established", "connecting", and from a plug-in that
+    /// reports its links "last_frame_age_ms", "reconnects", "counters"}), "failed_plugins" (each
     /// "library", "reason") and "bus" (counters). Any thread.
     Poco::JSON::Object::Ptr health() const;
 
@@ -91,6 +93,8 @@ private:
         std::string serviceAddress;
         std::uint16_t servicePort = 0;
         std::string state;
+        /// The library's link report, null when it has none; the library stays loaded.
+        PluginLinkHealthFunction linkHealth = nullptr;
     };
 
     void startPlugin(const PluginConfig& config);

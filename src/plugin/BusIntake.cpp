@@ -4,6 +4,7 @@
 #include <Poco/JSON/Parser.h>
 
 #include "ApiCatalogue.h"
+#include "FrameLimit.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
@@ -76,10 +77,14 @@ void PilotControlP::pushMessage(std::string message)
             if (auto self = weakSelf.lock())
                 self->returnBusAnswer(api, error, body);
         };
-        if (std::string(category) == texts::procMicroService)
+        // A refusal leaves through the guard below: logged, the message dropped.
+        if (std::string(category) == texts::procMicroService) {
+            requireFrameFits(impl->oversizeRequestsRefused, text);
             client->call_with_callback<5000>(category, std::move(onAnswer), text);
-        else
+        } else {
+            requireFrameFits(impl->oversizeRequestsRefused, text, api);
             client->call_with_callback<120000>(category, std::move(onAnswer), text, api);
+        }
     } catch (const Poco::Exception& e) {
         PCP_LOG_ERROR("%s", e.displayText().c_str());
     } catch (const std::exception& e) {

@@ -68,10 +68,12 @@ void PilotControlP::dispatchServiceEvent(const std::string& topic, std::string_v
             const std::string outTopic =
                 std::string(texts::pilotOutTopicPrefix) + impl->getPilotId() + texts::pilotOutTopicSuffix;
             auto mqtt = mqttClient;
-            impl->outbound.post([mqtt, text, outTopic] {
-                if (mqtt)
-                    mqtt->PublishMessage(text, outTopic, 0, 0, 1);
-            });
+            impl->outbound.post(
+                [mqtt, text, outTopic] {
+                    if (mqtt)
+                        mqtt->PublishMessage(text, outTopic, 0, 0, 1);
+                },
+                OutboundClass::event, text.size());
             return;
         }
         if (topic == texts::pilotConnectState) {
@@ -99,10 +101,13 @@ void PilotControlP::dispatchServiceEvent(const std::string& topic, std::string_v
             const std::string cloudTopic = std::string(texts::pilotTopicPrefix) + topicGuidAppTypeZero() + "/" +
                                            impl->getStationId() + texts::commandTopicSuffix;
             std::weak_ptr<PilotControlP> weakSelf = impl->self;
-            impl->outbound.post([weakSelf, text, cloudTopic, topic] {
-                if (auto self = weakSelf.lock())
-                    self->publishMessage(text, cloudTopic, topic);
-            });
+            // The service's answers to cloud commands.
+            impl->outbound.post(
+                [weakSelf, text, cloudTopic, topic] {
+                    if (auto self = weakSelf.lock())
+                        self->publishMessage(text, cloudTopic, topic);
+                },
+                OutboundClass::answer, text.size());
             return;
         }
         if (topic == serviceFunctionName(2) && callback) {
@@ -190,14 +195,17 @@ void PilotControlP::wrapAndPublishEvent(const std::string& topic, const std::str
         const std::string edgeTopic =
             std::string(texts::edgeMasterTopicPrefix) + topicGuidAppTypeZero() + texts::edgeMasterTopicSuffix;
         auto mqtt = mqttClient;
-        impl->outbound.post([mqtt, payload, edgeTopic, topic] {
-            const bool sent = mqtt && mqtt->PublishMessage(payload, edgeTopic, 2, 0, 1);
-            PCP_LOG_INFO("topic: %s, msg: %s, ret: %d", topic.c_str(), payload.c_str(), sent ? 1 : 0);
-        });
+        impl->outbound.post(
+            [mqtt, payload, edgeTopic, topic] {
+                const bool sent = mqtt && mqtt->PublishMessage(payload, edgeTopic, 2, 0, 1);
+                PCP_LOG_INFO("topic: %s, msg: %s, ret: %d", topic.c_str(), payload.c_str(), sent ? 1 : 0);
+            },
+            OutboundClass::event, payload.size());
         return;
     }
 
     const std::string payload = jsonToString(envelope);
+    const std::size_t payloadBytes = payload.size();
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
     auto publish = [weakSelf, payload, groundTopic, topic] {
         auto self = weakSelf.lock();
@@ -218,7 +226,9 @@ void PilotControlP::wrapAndPublishEvent(const std::string& topic, const std::str
             // Taken between the check and the start: fall through to the worker.
         }
     }
-    impl->outbound.post(std::move(publish), apiNumber(topic) == api::pushTelemetry);
+    impl->outbound.post(std::move(publish),
+                        apiNumber(topic) == api::pushTelemetry ? OutboundClass::staleTelemetry : OutboundClass::event,
+                        payloadBytes);
 }
 
 } // namespace vlm

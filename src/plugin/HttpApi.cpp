@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "ApiCatalogue.h"
+#include "FrameLimit.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
@@ -170,6 +171,9 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
         throw std::invalid_argument("api has no service category: " + apiName);
     }
 
+    const std::string requestText = jsonToString(body);
+    requireFrameFits(impl->oversizeRequestsRefused, requestText, apiName);
+
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
     Poco::JSON::Object::Ptr request = new Poco::JSON::Object(body);
     client->call_with_callback<120000>(
@@ -184,7 +188,7 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
                 // A second completion for one call has nobody left to tell.
             }
         },
-        jsonToString(body), apiName);
+        requestText, apiName);
 
     PCP_LOG_INFO("pilot micro service handle http msg: %s", apiName.c_str());
     if (!waitForAnswer(answered, answerWaitLimit))

@@ -5,6 +5,7 @@
 #include <Poco/JSON/Parser.h>
 
 #include "ApiCatalogue.h"
+#include "FrameLimit.h"
 #include "MqttClient.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
@@ -114,10 +115,13 @@ void PilotControlP::publishAnswer(const std::string& payload, const std::string&
 {
     // Publishing may wait for the broker; never on an RPC I/O thread.
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
-    impl->outbound.post([weakSelf, payload, topic, apiName] {
-        if (auto self = weakSelf.lock())
-            self->publishMessage(payload, topic, apiName);
-    });
+    // A drop is counted and logged by the worker.
+    impl->outbound.post(
+        [weakSelf, payload, topic, apiName] {
+            if (auto self = weakSelf.lock())
+                self->publishMessage(payload, topic, apiName);
+        },
+        OutboundClass::answer, payload.size());
 }
 
 void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const std::string& topic,
@@ -133,10 +137,14 @@ void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const 
         if (auto self = weakSelf.lock())
             self->publishAnswer(self->serviceAnswerText(error, reply, *request, " response mqtt msg: "), topic, apiName);
     };
-    if (secondArgument.empty())
-        client->call_with_callback<120000>(procedure, std::move(onAnswer), jsonToString(message));
-    else
-        client->call_with_callback<120000>(procedure, std::move(onAnswer), jsonToString(message), secondArgument);
+    const std::string text = jsonToString(message);
+    if (secondArgument.empty()) {
+        requireFrameFits(impl->oversizeRequestsRefused, text);
+        client->call_with_callback<120000>(procedure, std::move(onAnswer), text);
+    } else {
+        requireFrameFits(impl->oversizeRequestsRefused, text, secondArgument);
+        client->call_with_callback<120000>(procedure, std::move(onAnswer), text, secondArgument);
+    }
 }
 
 void PilotControlP::mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic)

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "ApiCatalogue.h"
+#include "LinkHealth.h"
 #include "MqttClient.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
@@ -64,6 +65,7 @@ std::shared_ptr<PilotControlP> PilotControlP::createInstance()
     // The constructor is private, so make_shared cannot reach it.
     std::shared_ptr<PilotControlP> plugin(new PilotControlP());
     plugin->impl->self = plugin;
+    registerLinkHealth(plugin->impl);
     return plugin;
 }
 
@@ -94,6 +96,11 @@ void PilotControlP::start(std::shared_ptr<WebApiBasic> web, std::shared_ptr<Mqtt
 {
     PluginBase::start(web, mqtt, address, port);
     impl->stopped = false;
+    {
+        std::lock_guard<std::mutex> lock(impl->identityMutex);
+        impl->serviceAddress = address;
+        impl->servicePort = port;
+    }
     connectServiceClients(address, port);
     try {
         auto client = impl->callClient();

@@ -102,6 +102,8 @@ private:
     // Error answers.
     std::string makeErrorMsg(const std::string& text, ErrorCode code);
     std::string makeErrorMsg(const std::string& text, const Poco::JSON::Object& request, ErrorCode code);
+    std::string makeTrimmedErrorMsg(const std::string& text, const Poco::JSON::Object& request, ErrorCode code,
+                                    std::size_t fullSize);
 
     // Events of the micro service and what is published from them.
     void dispatchServiceEvent(const std::string& topic, std::string_view data);

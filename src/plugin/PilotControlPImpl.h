@@ -39,9 +39,11 @@ struct PilotControlPImpl {
     std::atomic<int> appType{0};
     std::atomic<bool> pilotConnected{false};
 
-    mutable std::mutex identityMutex;  // guards pilotId, stationId
+    mutable std::mutex identityMutex;  // guards pilotId, stationId, serviceAddress, servicePort
     std::string pilotId;
     std::string stationId;
+    std::string serviceAddress;  // as start was given it, for the health report
+    unsigned short servicePort = 0;
 
     mutable std::mutex clientMutex;  // guards rpcClient, subClient (stop resets them)
     std::shared_ptr<pilot_rpc::rpc_client> rpcClient;
@@ -70,6 +72,11 @@ struct PilotControlPImpl {
     /// Publishing work handed off by the RPC I/O threads when the host pool
     /// has no free thread (and for the direct publications of the dispatch).
     OutboundWorker outbound;
+
+    /// Requests refused because their frame would reach the link's limit.
+    std::atomic<std::uint64_t> oversizeRequestsRefused{0};
+    /// Error answers that left the request's body out because it was too big.
+    std::atomic<std::uint64_t> errorEchoesTrimmed{0};
 
     mutable std::mutex publishMutex;  // guards responseStatus, failedRouteMissions
     std::map<std::string, int> responseStatus;

@@ -222,6 +222,7 @@ void client_core::on_connect(const std::error_code& result, std::uint64_t socket
 
     if (!ec) {
         connected_.store(true);
+        connections_made_.fetch_add(1);
         // Frames are small and a caller usually waits for the answer.
         std::error_code ignored;
         socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
@@ -338,6 +339,21 @@ void client_core::close(bool)
         dropped_calls.swap(callback_map_);
         dropped_futures.swap(future_map_);
     }
+}
+
+std::optional<std::chrono::steady_clock::time_point> client_core::last_receive_time() const
+{
+    const std::int64_t ns = last_receive_ns_.load();
+    if (ns < 0)
+        return std::nullopt;
+    return std::chrono::steady_clock::time_point(
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::nanoseconds(ns)));
+}
+
+std::uint64_t client_core::reconnect_count() const
+{
+    const std::uint64_t made = connections_made_.load();
+    return made > 0 ? made - 1 : 0;
 }
 
 void client_core::close_from_caller()

@@ -104,6 +104,8 @@ public:
     bool has_pending_future(std::uint64_t id) const;
     std::uint64_t last_response_id() const { return last_response_id_.load(); }
     std::size_t subscription_count() const { return subscriptions_.size(); }
+    std::optional<std::chrono::steady_clock::time_point> last_receive_time() const;
+    std::uint64_t reconnect_count() const;
 
 private:
     client_core();
@@ -194,6 +196,11 @@ private:
     std::uint64_t future_id_ = 0;
     std::uint64_t callback_id_ = 0;
     std::atomic<std::uint64_t> last_response_id_{0};
+    /// Steady-clock nanoseconds of the last complete frame received; -1 before
+    /// the first. Written on the I/O thread, read anywhere.
+    std::atomic<std::int64_t> last_receive_ns_{-1};
+    /// Connections established since construction. Written on the I/O thread.
+    std::atomic<std::uint64_t> connections_made_{0};
 
     frame_reader reader_{peer_role::client};  ///< I/O thread only
     subscription_registry subscriptions_;

@@ -79,6 +79,9 @@ void client_core::process_frames()
         case frame_reader::status::frame:
             break;
         }
+        last_receive_ns_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
 
         if (frame.header.frame_type == call_frame) {
             dispatch_response(frame.header.req_id, {}, frame.body);

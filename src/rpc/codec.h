@@ -28,6 +28,28 @@ msgpack::sbuffer pack_args(const Args&... args)
     return buffer;
 }
 
+namespace detail {
+
+/// A packer stream that keeps only the count of bytes written to it.
+struct byte_counter {
+    std::size_t size = 0;
+    void write(const char*, std::size_t n) { size += n; }
+};
+
+}  // namespace detail
+
+/// The exact number of bytes `pack_args(args...)` produces, computed without
+/// packing (and so without copying the arguments).
+template <typename... Args>
+std::size_t packed_args_size(const Args&... args)
+{
+    detail::byte_counter counter;
+    msgpack::packer<detail::byte_counter> packer(counter);
+    packer.pack_array(sizeof...(Args));
+    (packer.pack(args), ...);
+    return counter.size;
+}
+
 /// Decodes one MessagePack object from `body`. String and binary payloads stay
 /// in `body` (no copy), so `body` must outlive the handle.
 /// Throws std::invalid_argument(unpack_error_text) when the bytes do not decode.

@@ -21,6 +21,10 @@ constexpr std::uint8_t call_frame = 0;
 constexpr std::uint8_t topic_frame = 1;
 /// Receive buffer limit (exclusive): a body must be shorter than this.
 constexpr std::uint32_t max_buffer_len = 10485760;
+/// Frames a service on this link takes are shorter than this, header
+/// included: its receive limit applies to the body, and counting the header
+/// too keeps a sender clear of it whatever the far side adds.
+constexpr std::size_t max_frame_size = max_buffer_len;
 /// Bit of `req_id` that marks a callback-style call.
 constexpr std::uint64_t callback_id_bit = std::uint64_t{1} << 63;
 
@@ -46,6 +50,10 @@ enum class body_len_verdict {
     reject,     ///< 0 or above max_buffer_len: close and report message_size
     stall,      ///< exactly max_buffer_len: stop reading, report nothing
 };
+
+/// True when a frame of `frame_size` bytes (header and body) is one the far
+/// side of the link takes.
+constexpr bool frame_fits(std::size_t frame_size) { return frame_size < max_frame_size; }
 
 /// The client's length rule. The gap at exactly `max_buffer_len` is kept on
 /// purpose: such a header silently stops reading on that connection.

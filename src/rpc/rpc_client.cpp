@@ -40,6 +40,11 @@ std::size_t rpc_client::pending_callback_calls() const { return core_->pending_c
 bool rpc_client::has_pending_future(std::uint64_t id) const { return core_->has_pending_future(id); }
 std::uint64_t rpc_client::last_response_id() const { return core_->last_response_id(); }
 std::size_t rpc_client::subscription_count() const { return core_->subscription_count(); }
+std::optional<std::chrono::steady_clock::time_point> rpc_client::last_receive_time() const
+{
+    return core_->last_receive_time();
+}
+std::uint64_t rpc_client::reconnect_count() const { return core_->reconnect_count(); }
 
 future_result<req_result> rpc_client::send_future_call(const std::string& rpc_name, msgpack::sbuffer body)
 {

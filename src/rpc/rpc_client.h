@@ -15,6 +15,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,6 +24,7 @@
 #include <utility>
 
 #include "rpc/codec.h"
+#include "rpc/frame.h"
 #include "rpc/req_result.h"
 
 namespace pilot_rpc {
@@ -42,6 +44,14 @@ struct future_result {
     }
     T get() { return future.get(); }
 };
+
+/// Bytes a request carrying `args` puts on the wire, header included: exactly
+/// what `call_future` or `call_with_callback` would send. Pure; packs nothing.
+template <typename... Args>
+std::size_t call_frame_size(const Args&... args)
+{
+    return header_size + packed_args_size(args...);
+}
 
 class rpc_client {
 public:
@@ -120,6 +130,13 @@ public:
     bool has_pending_future(std::uint64_t id) const;
     std::uint64_t last_response_id() const;
     std::size_t subscription_count() const;
+
+    // Link health; any thread.
+    /// When the last complete frame (answer or publication) arrived; empty
+    /// before the first. Survives reconnections.
+    std::optional<std::chrono::steady_clock::time_point> last_receive_time() const;
+    /// How often the link came up again after its first connection.
+    std::uint64_t reconnect_count() const;
 
 private:
     future_result<req_result> send_future_call(const std::string& rpc_name, msgpack::sbuffer body);

@@ -25,11 +25,7 @@ protected:
         vlm::configInstance().setString("mqtt.user_name", "");
         vlm::configInstance().setString("mqtt.pawsswd", "");
         server->start();
-        MqttClientOptions options;
-        options.serverUri = broker.hostPort();
-        options.stationSerial = "station-1";
-        options.reconnectMinDelay = std::chrono::milliseconds(200);
-        mqtt = std::make_shared<PahoMqttClient>(options);
+        mqtt = std::make_shared<PahoMqttClient>(stationClientOptions());
         ASSERT_TRUE(mqtt->connect());
         plugin->start(server, mqtt, "127.0.0.1", service.port);
         // Subscriptions travel on a connection of their own: an event the
@@ -41,6 +37,16 @@ protected:
     {
         plugin->stop();
         server->stop();
+    }
+
+    /// Options of the station's MQTT client, which the plug-in is given.
+    virtual MqttClientOptions stationClientOptions()
+    {
+        MqttClientOptions options;
+        options.serverUri = broker.hostPort();
+        options.stationSerial = "station-1";
+        options.reconnectMinDelay = std::chrono::milliseconds(200);
+        return options;
     }
 
     PilotControlPImpl& state() { return PilotControlPTestAccess::impl(*plugin); }

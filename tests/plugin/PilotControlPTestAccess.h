@@ -39,7 +39,7 @@ public:
     {
         auto done = std::make_shared<std::promise<void>>();
         std::future<void> ran = done->get_future();
-        if (!p.impl->outbound.post([done] { done->set_value(); }))
+        if (!p.impl->outbound.post([done] { done->set_value(); }, OutboundClass::answer))
             return false;
         return ran.wait_for(limit) == std::future_status::ready;
     }

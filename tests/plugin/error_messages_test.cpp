@@ -73,4 +73,49 @@ TEST_F(ErrorMessages, AMessageThatIsNotAnObjectIsLoggedNotThrown)
     EXPECT_TRUE(log.contains("makeErrorMsg failed"));
 }
 
+// An error answer never carries a big request back: above 1 MiB of answer the
+// request's identifiers return, its body does not. Below, nothing changes.
+TEST_F(ErrorMessages, ABigRequestIsAnsweredWithItsIdentifiersOnly)
+{
+    vlm::test::LogCapture log;
+    state.setStationId("station-1");
+    auto request = [](std::size_t filler) {
+        return parse(R"({"api":"pushRoute","from":"app","target":"station-1","msgId":"42","seq":7,"type":"request",)"
+                     R"("extra":")" + std::string(300, 'e') + R"(","message":{"msgId":"42","route":")" +
+                     std::string(filler, 'w') + R"("}})");
+    };
+    const std::string small = Access::fullError(*plugin, "boom", *request(900 * 1024), PilotControlP::serviceCallFailed);
+    auto kept = parse(small);
+    EXPECT_EQ(kept->getObject("message")->getValue<std::string>("route").size(), 900u * 1024);
+    EXPECT_EQ(kept->getValue<std::string>("extra").size(), 300u);
+    EXPECT_EQ(state.errorEchoesTrimmed.load(), 0u);
+
+    const std::string trimmed = Access::fullError(*plugin, "boom", *request(2u << 20), PilotControlP::serviceCallFailed);
+    EXPECT_LT(trimmed.size(), 1024u);
+    auto answer = parse(trimmed);
+    EXPECT_EQ(answer->getValue<std::string>("api"), "pushRoute");
+    EXPECT_EQ(answer->getValue<std::string>("msgId"), "42");
+    EXPECT_EQ(answer->getValue<int>("seq"), 7);
+    EXPECT_EQ(answer->getValue<std::string>("from"), "station-1");
+    EXPECT_EQ(answer->getValue<std::string>("target"), "app");
+    EXPECT_EQ(answer->getValue<std::string>("type"), "response");
+    EXPECT_FALSE(answer->has("extra"));  // not an identifier
+    auto inner = answer->getObject("message");
+    ASSERT_TRUE(inner);
+    EXPECT_EQ(inner->getValue<std::string>("msgId"), "42");
+    EXPECT_EQ(inner->getValue<std::string>("msg"), "boom");
+    EXPECT_EQ(inner->getValue<int>("code"), 4002);
+    EXPECT_EQ(inner->getValue<std::string>("type"), "response");
+    EXPECT_FALSE(inner->has("route"));
+    EXPECT_EQ(state.errorEchoesTrimmed.load(), 1u);
+    EXPECT_TRUE(log.contains("left the request out (1 so far)"));
+
+    // Identifiers that are themselves big stay behind too.
+    auto hostile = parse(R"({"msgId":")" + std::string(2u << 20, 'i') + R"(","from":")" + std::string(300, 'f') +
+                         R"("})");
+    auto answerToHostile = parse(Access::fullError(*plugin, "boom", *hostile, PilotControlP::vehicleNotConnected));
+    EXPECT_FALSE(answerToHostile->has("msgId"));
+    EXPECT_EQ(answerToHostile->getValue<std::string>("target"), "");
+}
+
 } // namespace

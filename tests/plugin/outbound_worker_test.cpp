@@ -39,7 +39,17 @@ struct Gate {
     bool open = false;
 };
 
-TEST(OutboundWorker, RunsTasksInOrderAndDropsOnlyStaleTelemetryWhenFull)
+using vlm::OutboundClass;
+
+vlm::OutboundBounds smallBounds()
+{
+    vlm::OutboundBounds bounds;
+    bounds.perClass = {{{2, 1000}, {3, 1000}, {6, 1000}}};
+    bounds.total = {6, 1000};
+    return bounds;
+}
+
+TEST(OutboundWorker, RunsTasksInOrderAndAFullClassDropsItsOwnOldest)
 {
     vlm::test::LogCapture log;
     Gate gate;
@@ -52,22 +62,98 @@ TEST(OutboundWorker, RunsTasksInOrderAndDropsOnlyStaleTelemetryWhenFull)
         };
     };
     {
-        vlm::OutboundWorker worker(3);
-        worker.post([&] { gate.wait(); });
+        vlm::OutboundWorker worker(smallBounds());
+        worker.post([&] { gate.wait(); }, OutboundClass::answer);
         gate.waitEntered();
-        EXPECT_TRUE(worker.post(record("t1"), true));
-        EXPECT_TRUE(worker.post(record("answer1")));
-        EXPECT_TRUE(worker.post(record("t2"), true));
-        EXPECT_FALSE(worker.post(record("t3"), true));  // full: t1 makes room
-        EXPECT_FALSE(worker.post(record("answer2")));   // full: t2 makes room
-        EXPECT_FALSE(worker.post(record("answer3")));   // full: t3 makes room
-        EXPECT_FALSE(worker.post(record("t4"), true));  // only answers queued: t4 itself goes
-        EXPECT_TRUE(worker.post(record("answer4")));    // answers always queue, over the capacity
-        EXPECT_EQ(worker.dropped(), 4u);
+        EXPECT_TRUE(worker.post(record("t1"), OutboundClass::staleTelemetry));
+        EXPECT_TRUE(worker.post(record("answer1"), OutboundClass::answer));
+        EXPECT_TRUE(worker.post(record("t2"), OutboundClass::staleTelemetry));
+        EXPECT_TRUE(worker.post(record("t3"), OutboundClass::staleTelemetry));  // telemetry full: t1 goes
+        EXPECT_TRUE(worker.post(record("e1"), OutboundClass::event));
+        EXPECT_FALSE(worker.post(record("big"), OutboundClass::event, 1001));  // bigger than its class
+        EXPECT_EQ(worker.dropped().of(OutboundClass::staleTelemetry), 1u);
+        EXPECT_EQ(worker.dropped().of(OutboundClass::event), 1u);
+        EXPECT_EQ(worker.dropped().of(OutboundClass::answer), 0u);
         gate.release();
     }  // the destructor lets queued work finish
-    EXPECT_EQ(ran, (std::vector<std::string>{"answer1", "answer2", "answer3", "answer4"}));
+    EXPECT_EQ(ran, (std::vector<std::string>{"answer1", "t2", "t3", "e1"}));
     EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
+    EXPECT_EQ(log.errors("outbound queue full: 1 event publications dropped so far"), 1);
+}
+
+// A flood of every class at once: nothing grows past its bound, the counters
+// say what went, and every answer goes out as long as answers alone stay
+// within their bound, which is the whole queue's.
+TEST(OutboundWorker, AnOverfilledQueueKeepsItsBoundsAndGivesUpAnswersLast)
+{
+    vlm::test::LogCapture log;
+    Gate gate;
+    vlm::OutboundBounds bounds;
+    bounds.perClass = {{{50, 50 * 100}, {100, 100 * 100}, {300, 300 * 100}}};
+    bounds.total = {300, 300 * 100};
+    std::atomic<int> answersRun{0};
+    std::atomic<int> othersRun{0};
+    constexpr int rounds = 2000;  // far past every bound
+    constexpr int answers = 280;  // within the answers' own bound
+    vlm::OutboundDrops drops;
+    bool withinBounds = true;
+    {
+        vlm::OutboundWorker worker(bounds);
+        worker.post([&] { gate.wait(); }, OutboundClass::answer);
+        gate.waitEntered();
+        int answersPosted = 0;
+        for (int i = 0; i < rounds; ++i) {
+            worker.post([&] { ++othersRun; }, OutboundClass::staleTelemetry, 100);
+            worker.post([&] { ++othersRun; }, OutboundClass::event, 100);
+            if (i % 7 == 0 && answersPosted < answers) {
+                EXPECT_TRUE(worker.post([&] { ++answersRun; }, OutboundClass::answer, 100));
+                ++answersPosted;
+            }
+            const auto held = worker.queued();
+            for (std::size_t c = 0; c < vlm::outboundClassCount; ++c) {
+                withinBounds = withinBounds && held[c].tasks <= bounds.perClass[c].tasks &&
+                               held[c].bytes <= bounds.perClass[c].bytes;
+            }
+            withinBounds = withinBounds && held[0].tasks + held[1].tasks + held[2].tasks <= bounds.total.tasks;
+        }
+        // No ASSERT while the gate holds the worker: its destructor would wait for ever.
+        EXPECT_TRUE(withinBounds);
+        EXPECT_EQ(answersPosted, answers);
+        const auto held = worker.queued();
+        EXPECT_EQ(held[2].tasks, static_cast<std::size_t>(answers));
+        // The answers took the room of the lower classes: telemetry went first.
+        EXPECT_EQ(held[0].tasks, 0u);
+        EXPECT_EQ(held[0].tasks + held[1].tasks + held[2].tasks, bounds.total.tasks);
+        drops = worker.dropped();
+        gate.release();
+    }
+    EXPECT_EQ(answersRun.load(), answers);
+    EXPECT_EQ(drops.of(OutboundClass::answer), 0u);
+    EXPECT_EQ(drops.of(OutboundClass::staleTelemetry) + drops.of(OutboundClass::event) +
+                  static_cast<std::uint64_t>(othersRun.load()),
+              2u * rounds);
+    EXPECT_GT(drops.of(OutboundClass::staleTelemetry), 1000u);
+    // One line per burst: the first drop and every thousandth, per class.
+    EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
+    EXPECT_EQ(log.errors("outbound queue full: 1000 stale telemetry publications dropped so far"), 1);
+    EXPECT_EQ(log.errors("outbound queue full: 2 stale telemetry publications dropped so far"), 0);
+}
+
+TEST(OutboundWorker, AnswersBeyondTheirOwnBoundDropTheOldestAnswer)
+{
+    Gate gate;
+    std::vector<int> ran;
+    {
+        vlm::OutboundWorker worker(smallBounds());
+        worker.post([&] { gate.wait(); }, OutboundClass::answer);
+        gate.waitEntered();
+        for (int i = 0; i < 8; ++i)
+            EXPECT_TRUE(worker.post([&ran, i] { ran.push_back(i); }, OutboundClass::answer));
+        EXPECT_EQ(worker.queued()[2].tasks, 6u);
+        EXPECT_EQ(worker.dropped().of(OutboundClass::answer), 2u);
+        gate.release();
+    }
+    EXPECT_EQ(ran, (std::vector<int>{2, 3, 4, 5, 6, 7}));
 }
 
 // The plug-in's unload must not return while a worker thread still runs:
@@ -95,11 +181,13 @@ TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
     EXPECT_FALSE(vlm::OutboundWorker::joinAllEnded(20ms));  // a worker exists
 
     std::shared_ptr<LastOwner> owner(new LastOwner{worker});
-    worker->post([owner = std::move(owner), started = go.get_future().share()] {
-        thread_local EndMarker marker;
-        (void)marker;
-        started.wait();
-    });
+    worker->post(
+        [owner = std::move(owner), started = go.get_future().share()] {
+            thread_local EndMarker marker;
+            (void)marker;
+            started.wait();
+        },
+        vlm::OutboundClass::answer);
     worker.reset();  // from here on the queued task holds the last reference
     auto unload = std::async(std::launch::async, [] { return vlm::OutboundWorker::joinAllEnded(10s); });
     EXPECT_EQ(unload.wait_for(100ms), std::future_status::timeout) << "returned while the task held the worker";

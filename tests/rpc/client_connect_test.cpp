@@ -150,5 +150,53 @@ TEST_F(ClientConnect, HeartbeatOnlyWhileConnected)
     EXPECT_FALSE(wait_until([&] { return client.outbox_size() > 0; }, 200ms));
 }
 
+// What a health report reads: the age of the last frame received and how
+// often the link came back. Neither exists before anything happened.
+TEST_F(ClientConnect, LinkHealthTracksFramesReceivedAndReconnections)
+{
+    rpc_client client;
+    client.enable_auto_reconnect();
+    EXPECT_FALSE(client.last_receive_time().has_value());
+    EXPECT_EQ(client.reconnect_count(), 0u);
+
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    EXPECT_EQ(client.reconnect_count(), 0u);  // the first connection is no reconnection
+    EXPECT_FALSE(client.last_receive_time().has_value());  // nothing received yet
+
+    const auto before = std::chrono::steady_clock::now();
+    const std::string echoed = client.call<5000, std::string>("echo", std::string("hi"));
+    EXPECT_EQ(echoed, "hi");
+    const auto first = client.last_receive_time();
+    ASSERT_TRUE(first.has_value());
+    EXPECT_GE(*first, before);
+    EXPECT_LE(*first, std::chrono::steady_clock::now());
+
+    client.subscribe("heartBeat", [](std::string_view) {});
+    ASSERT_TRUE(service.wait_for_subscriber("heartBeat", 3s));
+    ASSERT_EQ(service.publish("heartBeat", "{}"), 1u);
+    ASSERT_TRUE(wait_until([&] { return client.last_receive_time() > first; }));  // publications count too
+
+    for (std::uint64_t round = 1; round <= 2; ++round) {
+        service.close_all_connections();
+        ASSERT_TRUE(service.wait_for_accepted(round + 1, 5s));
+        ASSERT_TRUE(wait_until([&] { return client.has_connected() && client.reconnect_count() == round; }, 5s))
+            << "reconnections seen: " << client.reconnect_count();
+    }
+    EXPECT_TRUE(client.last_receive_time().has_value());  // kept across reconnections
+}
+
+// The size check of the plug-in relies on this being the exact wire size.
+TEST_F(ClientConnect, CallFrameSizeIsTheHeaderAndTheBodyTheServiceReceives)
+{
+    rpc_client client;
+    ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
+    const std::string text(70000, 'j');
+    (void)client.call<5000, std::string>("echo", text, std::string("pushRoute"));
+    const auto frames = frames_named("echo");
+    ASSERT_EQ(frames.size(), 1u);
+    const std::size_t computed = call_frame_size(text, std::string("pushRoute"));
+    EXPECT_EQ(computed, header_size + frames[0].body.size());
+}
+
 }  // namespace
 }  // namespace pilot_rpc::test

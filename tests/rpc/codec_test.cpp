@@ -155,3 +155,32 @@ TEST(ReqResult, UndecodableValueIsAnUnpackError)
 
 }  // namespace
 }  // namespace pilot_rpc
+
+namespace pilot_rpc {
+namespace {
+
+// The size the plug-in checks against the frame limit must be what the
+// packer really produces, at every boundary where MessagePack changes the
+// width of a length prefix.
+TEST(PackedSize, MatchesThePackedBodyAtEveryLengthPrefixBoundary)
+{
+    for (std::size_t length : {0u, 31u, 32u, 255u, 256u, 65535u, 65536u, 70000u}) {
+        const std::string text(length, 'x');
+        EXPECT_EQ(packed_args_size(text), pack_args(text).size()) << length;
+        EXPECT_EQ(packed_args_size(text, std::string("pushRoute")), pack_args(text, std::string("pushRoute")).size())
+            << length;
+    }
+    EXPECT_EQ(packed_args_size(), pack_args().size());
+    EXPECT_EQ(packed_args_size(std::string("k"), 70000, true, -5), pack_args(std::string("k"), 70000, true, -5).size());
+}
+
+TEST(FrameLimit, AFrameFitsOnlyBelowTheLimitHeaderIncluded)
+{
+    EXPECT_TRUE(frame_fits(max_frame_size - 1));
+    EXPECT_FALSE(frame_fits(max_frame_size));
+    EXPECT_FALSE(frame_fits(max_frame_size + 1));
+    EXPECT_EQ(max_frame_size, 10485760u);
+}
+
+}  // namespace
+}  // namespace pilot_rpc

@@ -35,6 +35,15 @@ Object::Ptr typed(const char* type, const char* description = nullptr)
     return schema;
 }
 
+// One figure per RPC client of a plug-in that reports its links.
+Object::Ptr linkFigures(bool nullable)
+{
+    Object::Ptr figure = typed("integer");
+    if (nullable)
+        figure->set("nullable", true);
+    return object({{"type", "object"}, {"properties", object({{"call", figure}, {"subscription", figure}})}});
+}
+
 Object::Ptr healthSchema()
 {
     Object::Ptr service = object({{"type", "object"},
@@ -44,7 +53,12 @@ Object::Ptr healthSchema()
                                                                           {"enum", array({"up", "connecting", "down",
                                                                                           "unknown"})}})},
                                                          {"established", typed("integer")},
-                                                         {"connecting", typed("integer")}})}});
+                                                         {"connecting", typed("integer")},
+                                                         {"last_frame_age_ms", linkFigures(true)},
+                                                         {"reconnects", linkFigures(false)},
+                                                         {"counters", object({{"type", "object"},
+                                                                              {"additionalProperties",
+                                                                               typed("integer")}})}})}});
     Object::Ptr plugin = object({{"type", "object"},
                                  {"properties", object({{"name", typed("string")},
                                                         {"guid", typed("string")},
