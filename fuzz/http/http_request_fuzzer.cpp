@@ -171,6 +171,19 @@ bool exchange(std::uint16_t port, const std::string& bytes, std::string& answer)
     return true;
 }
 
+// "<version> <3 digits> ": POCO answers with the version token the request
+// gave, whatever it was, so only the shape is checked.
+bool statusLine(const std::string& answer)
+{
+    const auto space = answer.find(' ');
+    if (space == std::string::npos || space == 0 || answer.size() < space + 5)
+        return false;
+    for (std::size_t i = space + 1; i < space + 4; ++i)
+        if (answer[i] < '0' || answer[i] > '9')
+            return false;
+    return answer[space + 4] == ' ';
+}
+
 [[noreturn]] void abortWith(const std::string& what, const std::string& input)
 {
     std::fprintf(stderr, "http_request_fuzzer: %s\ninput: %s\n", what.c_str(), input.c_str());
@@ -186,7 +199,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string answer;
     if (!exchange(s.port, input, answer))
         abortWith("connection neither answered nor closed", input);
-    if (!answer.empty() && answer.compare(0, 7, "HTTP/1.") != 0)
+    if (!answer.empty() && !statusLine(answer))
         abortWith("answer is not HTTP: " + answer.substr(0, 64), input);
     const std::string broken = firstViolation();
     if (!broken.empty())
