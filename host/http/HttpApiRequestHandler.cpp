@@ -85,6 +85,8 @@ void HttpApiRequestHandler::answer(Poco::Net::HTTPServerRequest& request, Poco::
 
 void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
 {
+    response.set("X-Content-Type-Options", "nosniff");
+    response.set("Cache-Control", "no-store");
     if (context.stopping.load()) {
         refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, "server is stopping");
         return;
@@ -97,6 +99,15 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
     // the host's own paths may need.
     if (context.deadlines.connections() >= context.capacity.threads - context.capacity.reservedHostThreads)
         response.setKeepAlive(false);
+    // Before anything else: a page in the operator's browser learns nothing
+    // and commands nothing unless it is this server's own or configured.
+    const HttpGuardVerdict verdict = context.guard.check(request, request.serverAddress().port());
+    if (verdict.kind != HttpGuardVerdict::Kind::serve) {
+        answerGuarded(request, response, verdict);
+        return;
+    }
+    if (!verdict.corsOrigin.empty())
+        setCorsAnswerHeaders(response, verdict.corsOrigin);
     std::string path;
     ApiParams params;
     std::string uriError;
@@ -125,6 +136,12 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         refuseEarly(request, response, Status::HTTP_NOT_FOUND, "no api at " + path);
         return;
     }
+    if (!routeTakes(*route, request.getMethod())) {
+        response.set("Allow", allowedMethods(*route));
+        refuseEarly(request, response, Status::HTTP_METHOD_NOT_ALLOWED,
+                    "method not allowed; allowed: " + allowedMethods(*route));
+        return;
+    }
     const HttpAdmission::Slot slot =
         context.admission.admit(HttpAdmission::classify(path, *route), request.clientAddress().host().toString());
     if (!slot.admitted()) {
@@ -141,6 +158,18 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         serveStreamForm(*route, request, response, params);
     else
         serveRequestForm(*route, request, response, params, path);
+}
+
+void HttpApiRequestHandler::answerGuarded(Poco::Net::HTTPServerRequest& request,
+                                          Poco::Net::HTTPServerResponse& response, const HttpGuardVerdict& verdict)
+{
+    if (verdict.kind == HttpGuardVerdict::Kind::preflight) {
+        discardRequestBody(request, discardBound);
+        sendCorsPreflight(response, verdict.corsOrigin);
+        return;
+    }
+    context.guard.noteRefusal(request, verdict.reason);
+    refuseEarly(request, response, Status::HTTP_FORBIDDEN, verdict.reason);
 }
 
 bool HttpApiRequestHandler::authorized(const Poco::Net::HTTPServerRequest& request) const

@@ -6,6 +6,17 @@
 #include "http/HttpAdmission.h"
 
 namespace vlm {
+namespace {
+
+std::vector<std::string> readList(const Poco::Util::AbstractConfiguration& config, const std::string& key)
+{
+    std::vector<std::string> list;
+    for (std::size_t i = 0; config.has(key + "[" + std::to_string(i) + "]"); ++i)
+        list.push_back(config.getString(key + "[" + std::to_string(i) + "]"));
+    return list;
+}
+
+} // namespace
 
 HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::AbstractConfiguration& config)
 {
@@ -44,6 +55,9 @@ HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::Abstract
     options.requestDeadline = std::chrono::seconds(deadline);
     if (const auto problem = httpCapacityProblem(options))
         throw std::invalid_argument(problem->key + ": " + problem->reason);
+    options.allowedHosts = readList(config, "http.allowed_hosts");
+    options.allowedOrigins = readList(config, "http.allowed_origins");
+    options.allowInsecureRemote = config.getBool("http.allow_insecure_remote", false);
     return options;
 }
 

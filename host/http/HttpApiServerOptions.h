@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <Poco/Util/AbstractConfiguration.h>
 
@@ -32,6 +33,14 @@ struct VLM_EXPORT HttpApiServerOptions {
     std::chrono::milliseconds stopTimeout{1000};
     /// When not empty, every request must carry "Authorization: Bearer <token>".
     std::string bearerToken;
+    /// Further names (or addresses) a request's "Host" may give for this
+    /// server, besides the loopback ones and bindAddress.
+    std::vector<std::string> allowedHosts;
+    /// Exact origins ("http://127.0.0.1:5173") of web pages, besides the
+    /// server's own, that may call it from a browser (CORS).
+    std::vector<std::string> allowedOrigins;
+    /// Serve on an address that is not loopback without a bearer token.
+    bool allowInsecureRemote = false;
 
     // Capacity (see HttpAdmission.h); 0 takes the share of workerThreads
     // named, so that the defaults always fit.
@@ -51,10 +60,12 @@ struct VLM_EXPORT HttpApiServerOptions {
     /// Reads "http.address", "http.port", "http.threads", "http.queue",
     /// "http.max_body_bytes", "http.keep_alive", "http.token",
     /// "http.reserved_host_threads", "http.max_streams",
-    /// "http.max_streams_per_client", "http.max_waiting_requests" and
-    /// "http.request_deadline_seconds"; missing keys keep the defaults above.
-    /// Throws Poco::SyntaxException for a value of the wrong type and
-    /// std::invalid_argument for one out of range or caps that do not fit.
+    /// "http.max_streams_per_client", "http.max_waiting_requests",
+    /// "http.request_deadline_seconds", "http.allowed_hosts",
+    /// "http.allowed_origins" and "http.allow_insecure_remote"; missing keys
+    /// keep the defaults above. Throws Poco::SyntaxException for a value of the
+    /// wrong type and std::invalid_argument for one out of range or caps that
+    /// do not fit.
     static HttpApiServerOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
 };
 

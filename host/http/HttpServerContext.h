@@ -8,6 +8,7 @@
 #include "http/HttpAdmission.h"
 #include "http/HttpApiServerOptions.h"
 #include "http/HttpRequestDeadline.h"
+#include "http/HttpRequestGuard.h"
 #include "http/HttpRouteTable.h"
 
 namespace vlm {
@@ -51,6 +52,7 @@ struct HttpServerContext {
     HttpAdmission admission;
     HttpRequestDeadlines deadlines;
     HttpRouteTable routes;
+    const HttpRequestGuard guard{options.bindAddress, options.allowedHosts, options.allowedOrigins};
     std::atomic<bool> stopping{false};
 
 private:
