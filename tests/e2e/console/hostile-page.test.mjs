@@ -180,12 +180,23 @@ test("a foreign page cannot show the console in a frame", () =>
 // the Host header ("evil-rebind.test:<port>") can tell the host.
 test("a page whose host name now resolves to the host neither commands nor reads", () =>
   withDiagnostics(async () => {
-    const server = await servePage();
-    const port = portOf(server);
-    await page.goto(`http://${rebindName}:${port}/`, { timeout: pageBound });
-    await closeServer(server);
     await stack.stopHost();
-    await stack.startHost({ port });
+    let port;
+    // The port is free between the page server closing and the host binding
+    // it, so something else may take it: a few tries.
+    for (let attempt = 1; ; attempt++) {
+      const server = await servePage();
+      port = portOf(server);
+      await page.goto(`http://${rebindName}:${port}/`, { timeout: pageBound });
+      await closeServer(server);
+      try {
+        await stack.startHost({ port });
+        break;
+      } catch (error) {
+        await stack.host.stop("SIGKILL");
+        if (attempt === 3) throw error;
+      }
+    }
     const sameOrigin = `http://${rebindName}:${port}`;
     hostOrigins.add(`${rebindName}:${port}`);
     hostAnswers = [];
