@@ -52,9 +52,10 @@ BusTapRoute::BusTapRoute(std::shared_ptr<MessageBus> bus, std::function<bool()> 
 {
 }
 
-void BusTapRoute::install(WebApiBasic& server)
+void BusTapRoute::install(HttpApiServer& server)
 {
-    server.apiRegist(busTapPath, StreamApiHandler([this](Poco::Net::HTTPServerRequest& request,
+    server.hostRouteRegist(busTapPath, {Poco::Net::HTTPRequest::HTTP_GET, Poco::Net::HTTPRequest::HTTP_POST},
+                           StreamApiHandler([this](Poco::Net::HTTPServerRequest& request,
                                                          Poco::Net::HTTPServerResponse& response, const ApiParams&,
                                                          Poco::JSON::Object&) { serve(request, response); }));
 }

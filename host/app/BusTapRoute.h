@@ -25,6 +25,7 @@
 
 #include "WebApiBasic.h"
 #include "app/MessageBus.h"
+#include "http/HttpApiServer.h"
 
 namespace vlm::host {
 
@@ -35,8 +36,8 @@ public:
     BusTapRoute(std::shared_ptr<MessageBus> bus, std::function<bool()> serverStopping, std::size_t maxBodyBytes,
                 std::chrono::milliseconds keepAliveInterval = std::chrono::seconds(5));
 
-    /// Registers "/host/bus" on the server.
-    void install(WebApiBasic& server);
+    /// Registers "/host/bus" on the server for GET (the stream) and POST.
+    void install(HttpApiServer& server);
 
     /// The handler of "/host/bus"; runs on a server worker thread, for as long
     /// as a stream lasts.

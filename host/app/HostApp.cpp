@@ -5,6 +5,7 @@
 #include <Poco/Exception.h>
 #include <Poco/JSON/Array.h>
 #include <Poco/Logger.h>
+#include <Poco/Net/IPAddress.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 
@@ -66,6 +67,11 @@ void HostApp::startServices()
     mqtt = std::make_shared<PahoMqttClient>(config.mqtt);
     server = std::make_shared<HttpApiServer>(config.http);
     server->start();
+    if (config.http.allowInsecureRemote && config.http.bearerToken.empty() &&
+        !Poco::Net::IPAddress(config.http.bindAddress).isLoopback())
+        logger().warning("http api server on %s serves without a bearer token (http.allow_insecure_remote); "
+                         "any machine that reaches it can command the aircraft",
+                         config.http.bindAddress);
 
     messageBus->start();
     HttpApiServer* serverView = server.get();

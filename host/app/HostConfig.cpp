@@ -13,6 +13,8 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Path.h>
 
+#include "http/HttpRequestGuard.h"
+
 namespace vlm::host {
 namespace {
 
@@ -126,6 +128,27 @@ bool isLogLevel(const std::string& level)
     }
 }
 
+// A list of strings, each of which `canonical` must accept (non-empty result).
+std::vector<std::string> readTextList(const KeyReader& keys, const std::string& key,
+                                      std::string (*canonical)(const std::string&), const std::string& what)
+{
+    const Poco::Dynamic::Var value = keys.find(key);
+    if (value.isEmpty())
+        return {};
+    if (value.type() != typeid(Poco::JSON::Array::Ptr))
+        throw ConfigError(key, "expected a list of " + what);
+    const auto list = value.extract<Poco::JSON::Array::Ptr>();
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < list->size(); ++i) {
+        const Poco::Dynamic::Var entry = list->get(static_cast<unsigned>(i));
+        const std::string entryKey = key + "[" + std::to_string(i) + "]";
+        if (!entry.isString() || canonical(entry.extract<std::string>()).empty())
+            throw ConfigError(entryKey, "expected " + what + ", got " + entry.toString());
+        texts.push_back(entry.extract<std::string>());
+    }
+    return texts;
+}
+
 HttpApiServerOptions readHttp(const KeyReader& keys)
 {
     HttpApiServerOptions http;
@@ -142,6 +165,17 @@ HttpApiServerOptions readHttp(const KeyReader& keys)
     http.bearerToken = keys.text("http.token", "");
     if (keys.has("http.token") && http.bearerToken.empty())
         throw ConfigError("http.token", "empty; leave the key out to serve without a token");
+    http.allowedHosts = readTextList(keys, "http.allowed_hosts", canonicalHttpHost,
+                                     "host names or addresses like \"station.local\"");
+    http.allowedOrigins = readTextList(keys, "http.allowed_origins", canonicalHttpOrigin,
+                                       "origins like \"http://127.0.0.1:5173\"");
+    http.allowInsecureRemote = keys.flag("http.allow_insecure_remote", false);
+    // Off loopback every machine of the network reaches the API; without a
+    // token any of them could command the aircraft.
+    if (!parsed.isLoopback() && http.bearerToken.empty() && !http.allowInsecureRemote)
+        throw ConfigError("http.token", "required because http.address " + http.bindAddress +
+                                            " is not a loopback address (set http.allow_insecure_remote to true "
+                                            "to serve the network without a token)");
     return http;
 }
 

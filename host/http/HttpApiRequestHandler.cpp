@@ -77,10 +77,21 @@ void HttpApiRequestHandler::handleRequest(Poco::Net::HTTPServerRequest& request,
 
 void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
 {
+    response.set("X-Content-Type-Options", "nosniff");
+    response.set("Cache-Control", "no-store");
     if (context.stopping.load()) {
         refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, "server is stopping");
         return;
     }
+    // Before anything else: a page in the operator's browser learns nothing
+    // and commands nothing unless it is this server's own or configured.
+    const HttpGuardVerdict verdict = context.guard.check(request, request.serverAddress().port());
+    if (verdict.kind != HttpGuardVerdict::Kind::serve) {
+        answerGuarded(request, response, verdict);
+        return;
+    }
+    if (!verdict.corsOrigin.empty())
+        setCorsAnswerHeaders(response, verdict.corsOrigin);
     std::string path;
     ApiParams params;
     std::string uriError;
@@ -109,6 +120,12 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         refuseEarly(request, response, Status::HTTP_NOT_FOUND, "no api at " + path);
         return;
     }
+    if (!routeTakes(*route, request.getMethod())) {
+        response.set("Allow", allowedMethods(*route));
+        refuseEarly(request, response, Status::HTTP_METHOD_NOT_ALLOWED,
+                    "method not allowed; allowed: " + allowedMethods(*route));
+        return;
+    }
     // Chunked by default: handlers write answers of unknown length, and only
     // chunks keep the connection usable afterwards and reach the client as
     // soon as they are flushed. HTTP/1.0 clients do not know chunks.
@@ -118,6 +135,18 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
         serveStreamForm(*route, request, response, params);
     else
         serveRequestForm(*route, request, response, params, path);
+}
+
+void HttpApiRequestHandler::answerGuarded(Poco::Net::HTTPServerRequest& request,
+                                          Poco::Net::HTTPServerResponse& response, const HttpGuardVerdict& verdict)
+{
+    if (verdict.kind == HttpGuardVerdict::Kind::preflight) {
+        discardRequestBody(request, discardBound);
+        sendCorsPreflight(response, verdict.corsOrigin);
+        return;
+    }
+    context.guard.noteRefusal(request, verdict.reason);
+    refuseEarly(request, response, Status::HTTP_FORBIDDEN, verdict.reason);
 }
 
 bool HttpApiRequestHandler::authorized(const Poco::Net::HTTPServerRequest& request) const

@@ -6,11 +6,15 @@
 
 namespace vlm {
 
-/// Serves one request on a server worker thread: checks the bearer token, finds
-/// the route of the exact path, gives a request handler its parsed JSON body or
-/// a stream handler the raw response, and answers every failure in JSON:
-/// 401 bad or missing token, 400 bad URI or body, 404 unknown path, 413 body
-/// too large, 500 handler threw, 503 server stopping. Nothing it meets is
+/// Serves one request on a server worker thread: lets the request guard check
+/// Host and Origin first (answering CORS preflights), checks the bearer token,
+/// finds the route of the exact path and its methods, gives a request handler
+/// its parsed JSON body or a stream handler the raw response, and answers
+/// every failure in JSON: 403 refused by the guard, 401 bad or missing token,
+/// 400 bad URI or body, 404 unknown path, 405 method the route does not take
+/// (with "Allow"), 413 body too large, 500 handler threw, 503 server stopping.
+/// Every answer carries "X-Content-Type-Options: nosniff" and, unless the
+/// handler sets its own, "Cache-Control: no-store". Nothing it meets is
 /// thrown on to the server.
 class HttpApiRequestHandler : public Poco::Net::HTTPRequestHandler {
 public:
@@ -20,6 +24,9 @@ public:
 
 private:
     void serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
+    /// Answers a request the guard did not let through (403 or a preflight).
+    void answerGuarded(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response,
+                       const HttpGuardVerdict& verdict);
     bool authorized(const Poco::Net::HTTPServerRequest& request) const;
     void serveRequestForm(const HttpRoute& route, Poco::Net::HTTPServerRequest& request,
                           Poco::Net::HTTPServerResponse& response, const ApiParams& params, const std::string& path);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <Poco/Logger.h>
+#include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerParams.h>
@@ -118,6 +119,8 @@ void HttpApiServer::apiRegist(std::string path, StreamApiHandler handler)
 {
     HttpRoute route;
     route.stream = std::move(handler);
+    // What EventSource and "curl -N" send.
+    route.methods = {Poco::Net::HTTPRequest::HTTP_GET};
     registerRoute(std::move(path), std::move(route));
 }
 
@@ -125,6 +128,8 @@ void HttpApiServer::apiRegist(std::string path, RequestApiHandler handler)
 {
     HttpRoute route;
     route.request = std::move(handler);
+    // Commands change the aircraft: never by a GET that any <img> can send.
+    route.methods = {Poco::Net::HTTPRequest::HTTP_POST};
     registerRoute(std::move(path), std::move(route));
 }
 
@@ -133,7 +138,21 @@ void HttpApiServer::openRouteRegist(std::string path, StreamApiHandler handler)
     HttpRoute route;
     route.stream = std::move(handler);
     route.open = true;
+    route.methods = {Poco::Net::HTTPRequest::HTTP_GET, Poco::Net::HTTPRequest::HTTP_HEAD};
     registerRoute(std::move(path), std::move(route));
+}
+
+void HttpApiServer::hostRouteRegist(std::string path, std::vector<std::string> methods, StreamApiHandler handler)
+{
+    HttpRoute route;
+    route.stream = std::move(handler);
+    route.methods = std::move(methods);
+    registerRoute(std::move(path), std::move(route));
+}
+
+std::uint64_t HttpApiServer::guardRefusals() const
+{
+    return context->guard.refusals();
 }
 
 std::vector<std::string> HttpApiServer::routePaths() const

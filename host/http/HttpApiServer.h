@@ -48,7 +48,16 @@ struct HttpRoute;
 /// anything about the path is told), all with a JSON body {"code": <status>,
 /// "msg": ...}.
 ///
-/// The host adds its own routes (health, bus) with apiRegist like any plug-in.
+/// Methods: a request-form route takes POST, a stream-form route GET; the
+/// host's own routes state theirs (hostRouteRegist, openRouteRegist). Another
+/// method is answered 405 with "Allow", after the token check.
+///
+/// Browsers: before anything else, "Host" must name this server and a browser
+/// context must come from its own origin or a configured one, or the request
+/// is answered 403 (see HttpRequestGuard); allowed cross origins get CORS
+/// answers and preflights.
+///
+/// The host adds its own routes (health, bus) like any plug-in.
 /// All members may be called from any thread; handlers run on the server's
 /// worker threads.
 ///
@@ -89,9 +98,17 @@ public:
     void apiRegist(std::string path, RequestApiHandler handler) override;
 
     /// Like the stream form of apiRegist, but the route is served without the
-    /// bearer token: for files that hold no secret and must load before a
-    /// browser knows the token. Not part of what plug-ins see.
+    /// bearer token and takes GET and HEAD: for files that hold no secret and
+    /// must load before a browser knows the token. Not part of what plug-ins see.
     void openRouteRegist(std::string path, StreamApiHandler handler);
+
+    /// A host route in the stream form that takes exactly `methods` (for
+    /// example {"GET", "POST"}); other methods are answered 405. Not part of
+    /// what plug-ins see.
+    void hostRouteRegist(std::string path, std::vector<std::string> methods, StreamApiHandler handler);
+
+    /// Requests the Host/Origin guard refused so far.
+    std::uint64_t guardRefusals() const;
 
     /// Every path registered so far, sorted. Any thread.
     std::vector<std::string> routePaths() const;

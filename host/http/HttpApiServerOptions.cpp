@@ -3,6 +3,17 @@
 #include <stdexcept>
 
 namespace vlm {
+namespace {
+
+std::vector<std::string> readList(const Poco::Util::AbstractConfiguration& config, const std::string& key)
+{
+    std::vector<std::string> list;
+    for (std::size_t i = 0; config.has(key + "[" + std::to_string(i) + "]"); ++i)
+        list.push_back(config.getString(key + "[" + std::to_string(i) + "]"));
+    return list;
+}
+
+} // namespace
 
 HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::AbstractConfiguration& config)
 {
@@ -24,6 +35,9 @@ HttpApiServerOptions HttpApiServerOptions::fromConfig(const Poco::Util::Abstract
     options.maxBodyBytes = static_cast<std::size_t>(maxBody);
     options.keepAlive = config.getBool("http.keep_alive", options.keepAlive);
     options.bearerToken = config.getString("http.token", "");
+    options.allowedHosts = readList(config, "http.allowed_hosts");
+    options.allowedOrigins = readList(config, "http.allowed_origins");
+    options.allowInsecureRemote = config.getBool("http.allow_insecure_remote", false);
     return options;
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <Poco/Util/AbstractConfiguration.h>
 
@@ -32,9 +33,19 @@ struct VLM_EXPORT HttpApiServerOptions {
     std::chrono::milliseconds stopTimeout{1000};
     /// When not empty, every request must carry "Authorization: Bearer <token>".
     std::string bearerToken;
+    /// Further names (or addresses) a request's "Host" may give for this
+    /// server, besides the loopback ones and bindAddress.
+    std::vector<std::string> allowedHosts;
+    /// Exact origins ("http://127.0.0.1:5173") of web pages, besides the
+    /// server's own, that may call it from a browser (CORS).
+    std::vector<std::string> allowedOrigins;
+    /// Serve on an address that is not loopback without a bearer token.
+    bool allowInsecureRemote = false;
 
     /// Reads "http.address", "http.port", "http.threads", "http.queue",
-    /// "http.max_body_bytes", "http.keep_alive" and "http.token"; missing keys
+    /// "http.max_body_bytes", "http.keep_alive", "http.token",
+    /// "http.allowed_hosts", "http.allowed_origins" and
+    /// "http.allow_insecure_remote"; missing keys
     /// keep the defaults above. Throws Poco::SyntaxException for a value of the
     /// wrong type and std::invalid_argument for one out of range.
     static HttpApiServerOptions fromConfig(const Poco::Util::AbstractConfiguration& config);

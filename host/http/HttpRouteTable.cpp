@@ -4,6 +4,19 @@
 
 namespace vlm {
 
+bool routeTakes(const HttpRoute& route, const std::string& method)
+{
+    return std::find(route.methods.begin(), route.methods.end(), method) != route.methods.end();
+}
+
+std::string allowedMethods(const HttpRoute& route)
+{
+    std::string list;
+    for (const auto& method : route.methods)
+        list += (list.empty() ? "" : ", ") + method;
+    return list;
+}
+
 void HttpRouteTable::set(const std::string& path, HttpRoute route)
 {
     auto shared = std::make_shared<const HttpRoute>(std::move(route));

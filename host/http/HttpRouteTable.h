@@ -16,7 +16,15 @@ struct HttpRoute {
     RequestApiHandler request;
     /// Served without the bearer token (the host's static console files).
     bool open = false;
+    /// Methods the route takes; any other is answered 405 naming these.
+    std::vector<std::string> methods;
 };
+
+/// Whether `route` takes `method` (exact, upper case as sent).
+bool routeTakes(const HttpRoute& route, const std::string& method);
+
+/// The route's methods as an "Allow" header value ("GET, POST").
+std::string allowedMethods(const HttpRoute& route);
 
 /// Exact-path map from request path to handler. Registration may happen while
 /// requests are being served; any thread.

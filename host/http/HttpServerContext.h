@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "http/HttpApiServerOptions.h"
+#include "http/HttpRequestGuard.h"
 #include "http/HttpRouteTable.h"
 
 namespace vlm {
@@ -42,6 +43,7 @@ struct HttpServerContext {
 
     const HttpApiServerOptions options;
     HttpRouteTable routes;
+    const HttpRequestGuard guard{options.bindAddress, options.allowedHosts, options.allowedOrigins};
     std::atomic<bool> stopping{false};
 
 private:

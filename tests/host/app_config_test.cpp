@@ -144,6 +144,64 @@ TEST_F(HostConfigTest, BadValuesNameTheKeyAndTheReason)
     }
 }
 
+TEST_F(HostConfigTest, OffLoopbackTheTokenIsRequiredUnlessInsecureRemoteIsSetOnPurpose)
+{
+    struct Case {
+        std::string http;  // the "http" object's members
+        bool accepted;
+    };
+    const Case cases[] = {
+        {R"("address": "127.0.0.1")", true},
+        {R"("address": "127.0.0.2")", true},
+        {R"("address": "::1")", true},
+        {R"("address": "0.0.0.0")", false},
+        {R"("address": "fd00::5")", false},
+        {R"("address": "192.168.1.5")", false},
+        {R"("address": "192.168.1.5", "allow_insecure_remote": false)", false},
+        {R"("address": "0.0.0.0", "token": "s3cret")", true},
+        {R"("address": "0.0.0.0", "allow_insecure_remote": true)", true},
+    };
+    for (const auto& c : cases) {
+        auto root = parse(minimal);
+        root->set("http", parse("{" + c.http + "}"));
+        std::ostringstream text;
+        root->stringify(text);
+        if (c.accepted) {
+            EXPECT_NO_THROW(read(text.str())) << c.http;
+            continue;
+        }
+        const ConfigError error = refusal(text.str());
+        EXPECT_EQ(error.key(), "http.token") << c.http;
+        EXPECT_NE(error.reason().find("not a loopback address"), std::string::npos) << error.what();
+        EXPECT_NE(error.reason().find("http.allow_insecure_remote"), std::string::npos) << error.what();
+    }
+    EXPECT_TRUE(read(withValue("http", "allow_insecure_remote", "true")).http.allowInsecureRemote);
+    EXPECT_FALSE(read(minimal).http.allowInsecureRemote);
+}
+
+TEST_F(HostConfigTest, AllowedHostsAndOriginsAreListsOfValidEntries)
+{
+    const HostConfig config = read(withValue("http", "allowed_hosts", R"(["station.local", "fe80::1"])"));
+    EXPECT_EQ(config.http.allowedHosts, (std::vector<std::string>{"station.local", "fe80::1"}));
+    EXPECT_TRUE(read(minimal).http.allowedHosts.empty());
+    EXPECT_EQ(read(withValue("http", "allowed_origins", R"(["http://127.0.0.1:5173"])")).http.allowedOrigins,
+              std::vector<std::string>{"http://127.0.0.1:5173"});
+    const BadValue cases[] = {
+        {"http", "allowed_hosts", "\"station.local\"", "http.allowed_hosts", "expected a list"},
+        {"http", "allowed_hosts", "[1]", "http.allowed_hosts[0]", "host names"},
+        {"http", "allowed_hosts", "[\"a\", \"user@b\"]", "http.allowed_hosts[1]", "host names"},
+        {"http", "allowed_hosts", "[\"a:8080\"]", "http.allowed_hosts[0]", "host names"},
+        {"http", "allowed_origins", "[\"null\"]", "http.allowed_origins[0]", "origins"},
+        {"http", "allowed_origins", "[\"*\"]", "http.allowed_origins[0]", "origins"},
+        {"http", "allowed_origins", "[\"http://a/path\"]", "http.allowed_origins[0]", "origins"},
+    };
+    for (const auto& c : cases) {
+        const ConfigError error = refusal(withValue(c.object, c.key, c.json));
+        EXPECT_EQ(error.key(), c.reportedKey) << c.json;
+        EXPECT_NE(error.reason().find(c.reasonPart), std::string::npos) << error.what();
+    }
+}
+
 TEST_F(HostConfigTest, MissingRequiredKeysAreNamed)
 {
     for (const char* key : {"server_uri", "user_name", "pawsswd"}) {

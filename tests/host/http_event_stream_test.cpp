@@ -171,10 +171,11 @@ TEST_F(HttpEventStreamTest, StopReturnsPromptlyWithStreamsOpenAndEndsThem)
                           waiterSawStop.set_value(server->stopping());
                       }));
 
-    auto readUntilEnd = [this](const std::string& path) {
+    auto readUntilEnd = [this](const std::string& method, const std::string& path) {
         Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
         session.setTimeout(Poco::Timespan(10, 0));
-        Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, path, Poco::Net::HTTPMessage::HTTP_1_1);
+        Poco::Net::HTTPRequest request(method, path, Poco::Net::HTTPMessage::HTTP_1_1);
+        request.setContentLength(0);
         session.sendRequest(request);
         Poco::Net::HTTPResponse response;
         try {
@@ -187,9 +188,9 @@ TEST_F(HttpEventStreamTest, StopReturnsPromptlyWithStreamsOpenAndEndsThem)
         }
         return true;
     };
-    auto client1 = std::async(std::launch::async, readUntilEnd, "/stream");
-    auto client2 = std::async(std::launch::async, readUntilEnd, "/stream");
-    auto client3 = std::async(std::launch::async, readUntilEnd, "/wait");
+    auto client1 = std::async(std::launch::async, readUntilEnd, "GET", "/stream");
+    auto client2 = std::async(std::launch::async, readUntilEnd, "GET", "/stream");
+    auto client3 = std::async(std::launch::async, readUntilEnd, "POST", "/wait");
     ASSERT_EQ(writers[0].firstBlock.get_future().wait_for(bound), std::future_status::ready);
     ASSERT_EQ(writers[1].firstBlock.get_future().wait_for(bound), std::future_status::ready);
     ASSERT_EQ(waiterEntered.get_future().wait_for(bound), std::future_status::ready);
