@@ -173,6 +173,14 @@ Try, in another terminal:
   curl -s$auth_text -X POST $base/host/bus -d '{"to":["$plugin_guid"],"guid":"{00000000-0000-4000-8000-000000000001}","api":"getConfig","type":"request","data":{}}'
 
 EOF
+if [ -z "$token" ]; then
+  cat <<EOF
+The API takes no token here: it listens on loopback only, and the host refuses
+requests from web pages of other sites (Host and Origin checks). To require one,
+start with VELMORA_HTTP_TOKEN=<secret> and send -H 'Authorization: Bearer <secret>'.
+
+EOF
+fi
 
 if [ "$smoke" -eq 0 ]; then
   echo "Ctrl-C stops the gateway, the simulator and the broker it started."

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "ApiCatalogue.h"
+#include "EventStreamData.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
@@ -66,8 +67,10 @@ void PilotControlP::handleEventStream(const std::string& apiName, Poco::Net::HTT
             std::lock_guard<std::mutex> lock(impl->cacheMutex);
             pending.swap(*slot);  // each pending text goes to one stream only
         }
+        // The service's text may hold line breaks; each line gets its own
+        // "data: " so that none of them can start an "id:" or "event:" field.
         if (!pending.empty())
-            out << "data: " << pending << "\n\n";
+            writeEventData(out, pending);
         out.flush();
         if (!impl->pilotConnected)
             break;

@@ -57,6 +57,12 @@ TEST_F(ConsoleRouteTest, ThePageAndEveryFileLoadWithoutTheTokenAsTheyAreOnDisk)
     EXPECT_EQ(page.contentType, "text/html; charset=utf-8");
     EXPECT_EQ(page.body, sourceFile("index.html"));
     EXPECT_EQ(page.headers.at("Cache-Control"), "no-cache");
+    EXPECT_EQ(page.headers.at("Content-Security-Policy"), "default-src 'self'; frame-ancestors 'none'");
+    EXPECT_EQ(page.headers.at("Referrer-Policy"), "no-referrer");
+    EXPECT_EQ(page.headers.at("X-Content-Type-Options"), "nosniff");
+    // Nothing the policy would block: no inline script or style, no data: URLs.
+    for (const std::string blocked : {"<script>", "<style", "style=", "data:", "javascript:"})
+        EXPECT_EQ(page.body.find(blocked), std::string::npos) << blocked;
 
     std::set<std::string> served;
     for (const auto& asset : vlm::host::consoleAssets()) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -285,6 +286,18 @@ TEST(HttpApiServerOptions, ReadsTheHostConfiguration)
 
     config->setInt("http.port", 70000);
     EXPECT_THROW(vlm::HttpApiServerOptions::fromConfig(*config), std::invalid_argument);
+
+    std::istringstream text(R"({"http": {"allowed_hosts": ["station.local", "fe80::1"],
+                                         "allowed_origins": ["http://127.0.0.1:5173"],
+                                         "allow_insecure_remote": true}})");
+    Poco::AutoPtr<Poco::Util::JSONConfiguration> lists(new Poco::Util::JSONConfiguration(text));
+    const auto guarded = vlm::HttpApiServerOptions::fromConfig(*lists);
+    EXPECT_EQ(guarded.allowedHosts, (std::vector<std::string>{"station.local", "fe80::1"}));
+    EXPECT_EQ(guarded.allowedOrigins, std::vector<std::string>{"http://127.0.0.1:5173"});
+    EXPECT_TRUE(guarded.allowInsecureRemote);
+    config->setInt("http.port", 8080);
+    EXPECT_FALSE(vlm::HttpApiServerOptions::fromConfig(*config).allowInsecureRemote);
+    EXPECT_TRUE(vlm::HttpApiServerOptions::fromConfig(*config).allowedHosts.empty());
 }
 
 } // namespace

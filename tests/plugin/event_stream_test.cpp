@@ -1,4 +1,5 @@
 #include <future>
+#include <sstream>
 #include <regex>
 #include <thread>
 
@@ -6,6 +7,7 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 
+#include "EventStreamData.h"
 #include "FrontsFixture.h"
 #include "host/HttpTestClient.h"
 
@@ -134,6 +136,44 @@ TEST_F(EventStream, AVehicleDisconnectEndsTheStreamWithTheCloseSequence)
     // data; seen after it, the stream goes straight to the close sequence.
     EXPECT_LE(std::count(lines.begin(), lines.end(), error), 1);
     EXPECT_EQ(lines[lines.size() - 4].rfind("id: ", 0), 0u);
+}
+
+TEST(EventStreamData, EveryLineGetsItsOwnDataPrefixSoNoneForgesAField)
+{
+    struct Case {
+        std::string text;
+        std::string framed;
+    };
+    const Case cases[] = {
+        {R"({"alt":42})", "data: {\"alt\":42}\n\n"},
+        {"a\nb", "data: a\ndata: b\n\n"},
+        {"a\r\nb", "data: a\ndata: b\n\n"},
+        {"a\rb", "data: a\ndata: b\n\n"},
+        {"a\n\rb", "data: a\ndata: \ndata: b\n\n"},
+        {"a\r\n\r\nb", "data: a\ndata: \ndata: b\n\n"},
+        {"a\n", "data: a\ndata: \n\n"},
+        {"\nid: 9\nevent: x\r\nretry: 1\rdata: y", "data: \ndata: id: 9\ndata: event: x\ndata: retry: 1\ndata: data: y\n\n"},
+    };
+    for (const auto& c : cases) {
+        std::ostringstream out;
+        vlm::writeEventData(out, c.text);
+        EXPECT_EQ(out.str(), c.framed) << c.text;
+    }
+}
+
+TEST_F(EventStream, APushedTextWithLineBreaksArrivesAsDataLinesOfOneEvent)
+{
+    vehicleConnected(true);
+    StreamReader stream(server->port(), "pushTelemetry");
+    stream.until([](const std::string& l) { return l == "retry: 10000"; });
+    // Valid JSON whose whitespace holds every kind of line break and a blank
+    // line, which unframed would end the event early.
+    service.service.publish("pushTelemetry", "{\"a\":1,\n\n\"b\":\r\n2\r}");
+    auto lines = stream.until([](const std::string& l) { return l == "data: }"; });
+    const std::vector<std::string> expected{R"(data: {"a":1,)", "data: ", R"(data: "b":)", "data: 2", "data: }"};
+    ASSERT_GE(lines.size(), expected.size());
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 5, lines.end()), expected);
+    EXPECT_EQ(stream.line(), std::optional<std::string>(""));  // the event ends there
 }
 
 TEST_F(EventStream, AClientThatGoesAwayFreesItsThread)

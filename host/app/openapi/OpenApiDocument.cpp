@@ -122,6 +122,10 @@ Object::Ptr components(bool tokenRequired)
     if (tokenRequired)
         responses->set(unauthorized, response("\"Authorization: Bearer <token>\" is missing or wrong.",
                                               "application/json", serverError));
+    responses->set(forbidden, response("\"Host\" does not name this server, or the request comes from a browser "
+                                       "page of another origin (see http.allowed_hosts and http.allowed_origins); "
+                                       "answered before the token is checked.",
+                                       "application/json", serverError));
     responses->set(notFound, response("No route at this path.", "application/json", serverError));
     responses->set(methodNotAllowed, response("The method is not served here; \"Allow\" names those that are.",
                                               "application/json", serverError));

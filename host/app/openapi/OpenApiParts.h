@@ -61,6 +61,7 @@ inline std::string identifierFrom(const std::string& text)
 /// The server's own refusals, {"code": <status>, "msg": ...}, shared by every path.
 inline constexpr const char* badRequest = "BadRequest";
 inline constexpr const char* unauthorized = "Unauthorized";
+inline constexpr const char* forbidden = "Forbidden";
 inline constexpr const char* notFound = "NotFound";
 inline constexpr const char* methodNotAllowed = "MethodNotAllowed";
 inline constexpr const char* payloadTooLarge = "PayloadTooLarge";
@@ -73,6 +74,8 @@ inline void addServerRefusals(Poco::JSON::Object& responses, bool tokenRequired)
 {
     if (tokenRequired)
         responses.set("401", ref("responses", unauthorized));
+    responses.set("403", ref("responses", forbidden));
+    responses.set("405", ref("responses", methodNotAllowed));
     responses.set("500", ref("responses", handlerFailed));
     responses.set("503", ref("responses", stopping));
 }
