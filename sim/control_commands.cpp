@@ -64,7 +64,7 @@ std::string control_help_text()
            "  refuse MS                 refuse connections for MS ms\n"
            "  bad-frame KIND            zero-length, oversize or bad-type, to every connection\n"
            "  malformed-publication     an undecodable publication to every subscriber\n"
-           "  status                    vehicle and connections\n"
+           "  status                    vehicle, connections and forwarded requests\n"
            "  help                      this list";
 }
 
@@ -154,7 +154,8 @@ std::string run_control_command(simulator& sim, const std::string& line)
         std::ostringstream out;
         out << "ok: " << flight_mode_name(v.mode) << " at " << v.lat << ", " << v.lon << ", " << v.alt
             << " m, battery " << v.battery << " %, vehicle link " << (sim.vehicle_connected() ? "up" : "down")
-            << ", " << sim.connections().size() << " connection(s)";
+            << ", " << sim.connections().size() << " connection(s), " << sim.forwarded_requests()
+            << " forwarded request(s)";
         return out.str();
     }
     return "error: unknown command \"" + command + "\" (try help)";

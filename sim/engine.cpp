@@ -132,6 +132,7 @@ void simulator::engine::bind_procedures()
     for (const char* procedure : texts::forwardingProcedures) {
         const std::string name = procedure;
         service_.bind(name, [this, name](const msgpack::object& args) {
+            ++forwarded_requests_;
             std::string answer = handler_.answer(name, args);
             note_mode();
             return service_reply::success(answer);

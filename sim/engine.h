@@ -84,6 +84,7 @@ public:
     std::size_t subscription_count(std::uint64_t connection) const;
     const std::string& station_id() const { return station_id_; }
     std::size_t handshakes() const { return handshakes_; }
+    std::size_t forwarded_requests() const { return forwarded_requests_; }
 
 private:
     // engine.cpp
@@ -129,6 +130,7 @@ private:
     std::uint64_t route_uploads_ = 0;
     std::string station_id_;
     std::size_t handshakes_ = 0;
+    std::size_t forwarded_requests_ = 0;  ///< calls of a forwarding procedure received
     std::map<std::uint64_t, std::set<std::string>> topics_;  ///< distinct subscriptions per open connection
 };
 

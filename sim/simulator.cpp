@@ -142,4 +142,9 @@ std::size_t simulator::handshakes() const
     return engine_->on_io<std::size_t>([this] { return engine_->handshakes(); });
 }
 
+std::size_t simulator::forwarded_requests() const
+{
+    return engine_->on_io<std::size_t>([this] { return engine_->forwarded_requests(); });
+}
+
 }  // namespace pilot_sim

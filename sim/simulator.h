@@ -109,6 +109,9 @@ public:
     std::string station_id() const;
     /// "reportRPCSub" calls answered.
     std::size_t handshakes() const;
+    /// Calls of the procedures that carry forwarded requests ("flightControl",
+    /// "pilotControlBase", ...), counted on arrival whatever their answer.
+    std::size_t forwarded_requests() const;
 
 private:
     class engine;

@@ -122,6 +122,26 @@ TEST_F(Simulator, AnswersAForwardedRequestLikeTheService)
     EXPECT_EQ(message->getObject("result")->getValue<std::string>("uavId"), "SIM-UAV-0001");
 }
 
+// Browser tests read this count to prove that nothing a hostile page sent got
+// through to the service: it must rise with every forwarded request, whatever
+// the answer, and with nothing else.
+TEST_F(Simulator, StatusCountsForwardedRequestsAndNothingElse)
+{
+    auto client = connected_client();
+    EXPECT_NE(run_control_command(*sim, "status").find(", 0 forwarded request(s)"), std::string::npos);
+
+    client->call<3000, int>("getIntConfig", std::string("station.app_type"));
+    client->call<3000>("reportRPCSub", true);
+    EXPECT_EQ(sim->forwarded_requests(), 0u);
+
+    client->call<3000, std::string>("flightControl", std::string(R"({"message":{}})"), std::string("returnHome"));
+    client->call<3000, std::string>("telementry", std::string("not json"), std::string("noSuchApi"));
+    EXPECT_EQ(sim->forwarded_requests(), 2u);
+    const std::string status = run_control_command(*sim, "status");
+    EXPECT_EQ(status.rfind("ok: ", 0), 0u) << status;
+    EXPECT_NE(status.find(", 2 forwarded request(s)"), std::string::npos) << status;
+}
+
 TEST_F(Simulator, ControlCommandsReachSubscribersAndRejectNonsense)
 {
     auto subscriber = connected_client();

@@ -10,38 +10,22 @@
 // with the reason; nothing is skipped.
 
 import assert from "node:assert/strict";
-import { existsSync, mkdirSync, mkdtempSync, rmSync } from "node:fs";
+import { mkdirSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 
+import { Browser } from "./browser.mjs";
 import { GatewayStack, stationSn } from "./stack.mjs";
 
-const chromiumPath = process.env.VELMORA_CHROMIUM || "/usr/bin/chromium";
 const artifacts = process.env.VELMORA_ARTIFACTS || tmpdir();
 // Generous for a loaded two-core machine; the waits end as soon as the page shows it.
 const showBound = 15000;
 const token = "console-test-token";
 
-let chromium;
 let stack;
-let context;
+let browser;
 let page;
-let userDataDir;
-const consoleErrors = [];
-
-async function loadBrowserDriver() {
-  if (!existsSync(chromiumPath))
-    throw new Error(`Chromium is not installed at ${chromiumPath} (scripts/install-deps.sh installs Debian's chromium)`);
-  try {
-    ({ chromium } = await import("playwright-core"));
-  } catch (error) {
-    throw new Error(
-      "playwright-core is not installed in tests/e2e/console (scripts/install-deps.sh runs npm ci there): " +
-        error.message,
-    );
-  }
-}
 
 const state = (id) => page.locator(`#${id}`).getAttribute("data-state");
 const waitState = (id, wanted, bound = showBound) =>
@@ -51,50 +35,43 @@ const waitStateNot = (id, unwanted, bound = showBound) =>
 const cellText = (key) => page.locator(`#telemetry td[data-key="${key}"]`).textContent();
 
 function takeErrors() {
-  return consoleErrors.splice(0);
+  return browser.takeErrors();
 }
 
 before(async () => {
-  await loadBrowserDriver();
   stack = new GatewayStack({
     hostBin: process.env.VELMORA_HOST_BIN,
     simBin: process.env.VELMORA_PILOT_SIM,
     plugin: process.env.VELMORA_PILOT_PLUGIN,
   });
   await stack.start();
-  userDataDir = mkdtempSync(join(tmpdir(), "velmora-chromium-"));
-  context = await chromium.launchPersistentContext(userDataDir, {
-    executablePath: chromiumPath,
-    headless: true,
-    viewport: { width: 1280, height: 900 },
-    args: [
-      "--headless",
-      "--no-sandbox",
-      "--disable-gpu",
-      "--disable-quic",
-      "--no-first-run",
-      "--disable-background-networking",
-      "--disable-component-update",
-      "--disable-sync",
-    ],
-  });
-  page = context.pages()[0] ?? (await context.newPage());
-  page.on("console", (message) => {
-    if (message.type() === "error") consoleErrors.push(message.text());
-  });
-  page.on("pageerror", (error) => consoleErrors.push(`uncaught: ${error.message}`));
+  browser = await Browser.launch();
+  page = browser.page;
 });
 
 after(async () => {
-  await context?.close();
+  await browser?.close();
   await stack?.stop();
-  if (userDataDir) rmSync(userDataDir, { recursive: true, force: true });
 });
+
+// The console runs under a policy that allows nothing from elsewhere and no
+// framing; the page must work within it, so a refused load or script fails
+// every test (withDiagnostics checks after each).
+function assertServedUnderPolicy(response) {
+  assert.ok(response, "the console page was not loaded");
+  const headers = response.headers();
+  const policy = headers["content-security-policy"] ?? "";
+  const given = `the console is served with Content-Security-Policy "${policy}"`;
+  assert.match(policy, /(^|;)\s*default-src 'self'\s*(;|$)/, given);
+  assert.match(policy, /(^|;)\s*frame-ancestors 'none'\s*(;|$)/, given);
+  assert.equal(headers["referrer-policy"], "no-referrer", "the console's Referrer-Policy");
+}
 
 // Any failure carries what the processes said.
 async function withDiagnostics(body) {
   try {
     await body();
+    assert.deepEqual(browser.violations.splice(0), [], "the page broke its own content security policy");
   } catch (error) {
     error.message += `\n${stack?.diagnostics() ?? ""}`;
     throw error;
@@ -103,7 +80,7 @@ async function withDiagnostics(body) {
 
 test("the page loads without console errors and shows the vehicle connected", () =>
   withDiagnostics(async () => {
-    await page.goto(`${stack.base}/host/console`);
+    assertServedUnderPolicy(await page.goto(`${stack.base}/host/console`));
     await waitState("vehicle-state", "connected");
     await waitState("service-link", "up");
     await waitState("mqtt-link", "connected");
@@ -192,7 +169,7 @@ test("with http.token set the page asks once and keeps the token for the tab", (
     await stack.startHost({ token });
     takeErrors();
 
-    await page.goto(`${stack.base}/host/console`);
+    assertServedUnderPolicy(await page.goto(`${stack.base}/host/console`));
     await page.waitForSelector("#token-dialog[open]", { timeout: showBound });
     await page.locator("#token-input").fill(token);
     await page.locator("#token-submit").click();

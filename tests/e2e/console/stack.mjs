@@ -47,7 +47,7 @@ export async function waitFor(condition, bound, what) {
 
 /** A child whose output goes to a log file and is kept for the line waits. */
 class Child {
-  constructor(name, args, logPath, env = process.env) {
+  constructor(name, args, logPath, { env = process.env, input = false } = {}) {
     this.name = name;
     this.output = "";
     this.exited = null;
@@ -55,7 +55,9 @@ class Child {
     // With setpriv the child is killed when this process dies, even by SIGKILL
     // (a test runner's time limit), so no broker or host outlives a test.
     const command = existsSync(setpriv) ? [setpriv, "--pdeathsig", "SIGKILL", "--", ...args] : args;
-    this.process = spawn(command[0], command.slice(1), { stdio: ["ignore", "pipe", "pipe"], env });
+    this.process = spawn(command[0], command.slice(1), { stdio: [input ? "pipe" : "ignore", "pipe", "pipe"], env });
+    // A child that ended before reading its input must not end this process.
+    this.process.stdin?.on("error", () => {});
     for (const stream of [this.process.stdout, this.process.stderr]) {
       stream.on("data", (chunk) => {
         this.output += chunk.toString();
@@ -75,15 +77,16 @@ class Child {
     });
   }
 
-  /** The first line holding `text` written after output offset `from`. */
+  /** The whole first line holding `text` written after output offset `from`. */
   async line(text, bound, from = 0) {
     let found = null;
     await waitFor(
       () => {
         const at = this.output.indexOf(text, from);
         if (at >= 0) {
+          const start = this.output.lastIndexOf("\n", at) + 1;
           const end = this.output.indexOf("\n", at);
-          found = this.output.slice(at, end < 0 ? undefined : end);
+          found = this.output.slice(start, end < 0 ? undefined : end);
           return true;
         }
         if (this.exited) throw new Error(`${this.name} ended (${JSON.stringify(this.exited)}):\n${this.output}`);
@@ -93,6 +96,12 @@ class Child {
       `${this.name} to print "${text}"`,
     );
     return found;
+  }
+
+  /** Writes one line to the child's standard input (spawned with `input`). */
+  send(line) {
+    if (this.exited) throw new Error(`${this.name} ended (${JSON.stringify(this.exited)}):\n${this.output}`);
+    this.process.stdin.write(line + "\n");
   }
 
   async stop(signal = "SIGTERM") {
@@ -151,11 +160,26 @@ export class GatewayStack {
   async startSim(port = 0) {
     this.sim = new Child(
       "pilot-sim",
-      [this.simBin, "--port", String(port), "--telemetry-hz", "10"],
+      [this.simBin, "--port", String(port), "--telemetry-hz", "10", "--control-stdin"],
       join(this.dir, "pilot-sim.log"),
+      { input: true },
     );
     this.simPort = portOf(await this.sim.line("pilot-sim listening on ", startBound));
     return this.simPort;
+  }
+
+  /**
+   * How many forwarded requests the simulator has received since it started,
+   * from its "status" command: every request the plug-in passed on to the
+   * service, whatever the answer.
+   */
+  async forwardedRequests() {
+    const from = this.sim.output.length;
+    this.sim.send("status");
+    const line = await this.sim.line(" forwarded request(s)", startBound, from);
+    const count = /(\d+) forwarded request\(s\)/.exec(line);
+    if (!count) throw new Error(`pilot-sim status without a count: ${line}`);
+    return Number(count[1]);
   }
 
   async restartSim() {
@@ -163,9 +187,10 @@ export class GatewayStack {
     return this.startSim(this.simPort);
   }
 
-  async startHost({ token = this.token } = {}) {
+  /** Starts the host on `port` (0: the kernel's choice) with the plug-in. */
+  async startHost({ token = this.token, port = 0 } = {}) {
     this.token = token;
-    const http = { address: "127.0.0.1", port: 0, threads: 64 };
+    const http = { address: "127.0.0.1", port, threads: 64 };
     if (token) http.token = token;
     const config = {
       http,
