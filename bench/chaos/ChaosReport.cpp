@@ -55,7 +55,8 @@ bool check(bool holds, const std::string& what)
 
 int ChaosRun::report()
 {
-    std::printf("\nchaos summary after %.0f s\n", elapsed);
+    std::printf("\nchaos summary after %.0f s (the last %.0f s waiting for the last MQTT answers)\n", elapsed,
+                drainSeconds);
 
     std::printf("\nfaults injected\n  %-32s %5s %7s  %s\n", "kind", "count", "skipped", "at (s)");
     for (const FaultKind kind : {FaultKind::commandBurst, FaultKind::oversizeCommandSmall, FaultKind::oversizeCommandLarge,

@@ -39,8 +39,12 @@ const char* const groundApis[] = {"getConfig", "getTargetPoints"};
 constexpr double simDownBeforeRestart = 1.0;
 constexpr int simStartAttemptLimit = 10;
 constexpr double reconnectBound = 30;
-constexpr auto drainBound = std::chrono::seconds(20);
-constexpr auto quiesceBound = std::chrono::seconds(5);
+// The plug-in publishes answers one at a time at QoS 2, a few dozen a
+// second: a burst's answers take a while. The end waits as long as answers
+// still come, within a bound; a broker kill waits for them too.
+constexpr double drainStallSeconds = 15;
+constexpr double drainBoundSeconds = 120;
+constexpr auto quiesceBound = std::chrono::seconds(15);
 constexpr auto brokerBound = std::chrono::seconds(20);
 constexpr auto probeBound = std::chrono::seconds(15);
 constexpr auto stopBound = std::chrono::seconds(20);
@@ -135,7 +139,7 @@ int ChaosRun::run()
                                ? settings.faultEverySeconds
                                : std::clamp((settings.durationSeconds - 10.0) / faultKindCount, 3.0, 8.0);
     std::vector<std::pair<double, FaultKind>> schedule;
-    for (double at = spacing; at < settings.durationSeconds - 6.0; at += spacing)
+    for (double at = spacing; at <= settings.durationSeconds - 10.0 + 1e-6; at += spacing)
         schedule.emplace_back(at, faultCycle[schedule.size() % faultKindCount]);
 
     std::size_t next = 0;
@@ -277,7 +281,9 @@ bool ChaosRun::connectProbe()
             probe = std::make_unique<e2e::MqttProbe>(stack.broker.uri(), "velmora-chaos-ground-app",
                                                      [this](const e2e::MqttProbe::Message& m) { ledger.onMessage(m.payload); },
                                                      true);
-            probe->subscribe(e2e::groundCommandTopic());
+            // QoS 1: the broker queues answers for a subscriber that falls
+            // behind instead of dropping them as it does at QoS 0.
+            probe->subscribe(e2e::groundCommandTopic(), 1);
             return true;
         } catch (const std::exception&) {
             probe.reset();
@@ -293,7 +299,13 @@ void ChaosRun::restartBroker()
     // Quiet first, so that only commands the broker's death can excuse go
     // unanswered: none are sent until the host is back and answering.
     quiesced = true;
-    e2e::GatewayStack::waitUntil([&] { return ledger.outstanding() == 0; }, quiesceBound);
+    e2e::GatewayStack::waitUntil(
+        [&] {
+            sampleHost();
+            return ledger.outstanding() == 0;
+        },
+        quiesceBound);
+    const std::size_t pending = ledger.outstanding();
     probe.reset();
     const double killedAt = now();
     stack.broker.kill();
@@ -322,8 +334,9 @@ void ChaosRun::restartBroker()
     if (!answered)
         comebackFailures.push_back("no MQTT command was answered after the broker restart");
     char note[160];
-    std::snprintf(note, sizeof note, "host reconnected %.1f s after the kill, answering %.1f s after the kill",
-                  hostBackAt - killedAt, now() - killedAt);
+    std::snprintf(note, sizeof note,
+                  "host reconnected %.1f s after the kill, answering %.1f s after; %zu answer(s) pending at the kill",
+                  hostBackAt - killedAt, now() - killedAt, pending);
     record.note = note;
     quiesced = !answered;
 }
@@ -406,8 +419,20 @@ void ChaosRun::finish()
         ledger.addLinkDownWindow(*simDownSince, now());
         simDownSince.reset();
     }
-    // Answers to the last commands are still on their way.
-    e2e::GatewayStack::waitUntil([&] { return ledger.outstanding() == 0; }, drainBound);
+    // Answers to the last commands are still on their way: wait while they come.
+    const double drainFrom = now();
+    std::size_t waiting = ledger.outstanding();
+    double lastProgress = now();
+    while (waiting > 0 && hostAlive && now() - lastProgress < drainStallSeconds &&
+           now() - drainFrom < drainBoundSeconds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        sampleHost();
+        if (const std::size_t left = ledger.outstanding(); left < waiting) {
+            waiting = left;
+            lastProgress = now();
+        }
+    }
+    drainSeconds = now() - drainFrom;
     nextHealthSample = 0;
     sampleHost();
     rssEndKiB = e2e::residentKiB(hostPid);

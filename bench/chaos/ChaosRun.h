@@ -124,6 +124,7 @@ private:
     bool healthStartTaken = false;
     int hostExitCode = -1;
     double elapsed = 0;
+    double drainSeconds = 0;  ///< waited at the end for the last answers
 };
 
 } // namespace vlm::chaos

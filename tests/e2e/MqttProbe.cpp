@@ -53,9 +53,9 @@ MqttProbe::~MqttProbe()
     }
 }
 
-void MqttProbe::subscribe(const std::string& topic)
+void MqttProbe::subscribe(const std::string& topic, int qos)
 {
-    if (!client.subscribe(topic, 0, mqtt::subscribe_options(ignoreOwn))->wait_for(operationBound))
+    if (!client.subscribe(topic, qos, mqtt::subscribe_options(ignoreOwn))->wait_for(operationBound))
         throw std::runtime_error("subscribe to " + topic + " not acknowledged");
 }
 

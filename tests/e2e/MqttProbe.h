@@ -37,8 +37,9 @@ public:
     MqttProbe(const MqttProbe&) = delete;
     MqttProbe& operator=(const MqttProbe&) = delete;
 
-    /// Subscribes (QoS 0) and waits for the broker's acknowledgement.
-    void subscribe(const std::string& topic);
+    /// Subscribes (QoS 0 unless said otherwise) and waits for the broker's
+    /// acknowledgement.
+    void subscribe(const std::string& topic, int qos = 0);
 
     /// Publishes (QoS 0) and waits until it is written; throws
     /// std::runtime_error (or Paho's exception) when it was not.
