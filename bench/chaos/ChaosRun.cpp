@@ -44,7 +44,7 @@ constexpr double reconnectBound = 30;
 // still come, within a bound; a broker kill waits for them too.
 constexpr double drainStallSeconds = 15;
 constexpr double drainBoundSeconds = 120;
-constexpr auto quiesceBound = std::chrono::seconds(15);
+constexpr auto quiesceBound = std::chrono::seconds(60);
 constexpr auto brokerBound = std::chrono::seconds(20);
 constexpr auto probeBound = std::chrono::seconds(15);
 constexpr auto stopBound = std::chrono::seconds(20);
