@@ -299,13 +299,7 @@ void ChaosRun::restartBroker()
     // Quiet first, so that only commands the broker's death can excuse go
     // unanswered: none are sent until the host is back and answering.
     quiesced = true;
-    e2e::GatewayStack::waitUntil(
-        [&] {
-            sampleHost();
-            return ledger.outstanding() == 0;
-        },
-        quiesceBound);
-    const std::size_t pending = ledger.outstanding();
+    const std::size_t pending = waitForAnswers(std::chrono::duration<double>(quiesceBound).count());
     probe.reset();
     const double killedAt = now();
     stack.broker.kill();
@@ -406,6 +400,24 @@ void ChaosRun::simulatorBusFlood()
     }
 }
 
+std::size_t ChaosRun::waitForAnswers(double boundSeconds)
+{
+    // As long as answers still come, within the bound: a command that has
+    // waited through a stall has no answer coming.
+    const double from = now();
+    std::size_t waiting = ledger.outstanding();
+    double lastProgress = now();
+    while (waiting > 0 && hostAlive && now() - lastProgress < drainStallSeconds && now() - from < boundSeconds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        sampleHost();
+        if (const std::size_t left = ledger.outstanding(); left < waiting) {
+            waiting = left;
+            lastProgress = now();
+        }
+    }
+    return waiting;
+}
+
 void ChaosRun::finish()
 {
     for (auto& flood : floods) {
@@ -419,19 +431,9 @@ void ChaosRun::finish()
         ledger.addLinkDownWindow(*simDownSince, now());
         simDownSince.reset();
     }
-    // Answers to the last commands are still on their way: wait while they come.
+    // Answers to the last commands are still on their way.
     const double drainFrom = now();
-    std::size_t waiting = ledger.outstanding();
-    double lastProgress = now();
-    while (waiting > 0 && hostAlive && now() - lastProgress < drainStallSeconds &&
-           now() - drainFrom < drainBoundSeconds) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        sampleHost();
-        if (const std::size_t left = ledger.outstanding(); left < waiting) {
-            waiting = left;
-            lastProgress = now();
-        }
-    }
+    waitForAnswers(drainBoundSeconds);
     drainSeconds = now() - drainFrom;
     nextHealthSample = 0;
     sampleHost();

@@ -75,6 +75,8 @@ private:
     void advanceSimulatorRestart();
     void startBusFlood(int count, std::size_t bytes);
     void simulatorBusFlood();
+    /// Waits while MQTT answers still arrive; returns how many are still missing.
+    std::size_t waitForAnswers(double boundSeconds);
     void finish();
     void keepLogs();
     int report();
