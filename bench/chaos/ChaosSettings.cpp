@@ -21,7 +21,7 @@ std::string usage()
            "  --telemetry-hz HZ       simulator telemetry rate (50)\n"
            "  --mqtt-interval-ms MS   one MQTT command every MS ms between faults (50)\n"
            "  --burst N               MQTT commands in one burst (1000)\n"
-           "  --max-rss-growth-mib M  host peak RSS may exceed its RSS under load before the first fault by M MiB (256)\n"
+           "  --max-rss-growth-mib M  host peak RSS may exceed its RSS under load before the first fault by M MiB (384)\n"
            "  --fault-every S         seconds between faults (default: spread over the run, 3 to 8 s)\n"
            "  --keep-logs DIR         copy the host's, the simulator's and the broker's logs to DIR\n"
            "\n"

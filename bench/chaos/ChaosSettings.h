@@ -14,7 +14,7 @@ struct Settings {
     double telemetryHz = 50;
     int mqttIntervalMs = 50;    ///< one regular MQTT command every so often
     int burst = 1000;           ///< commands in one burst
-    long maxRssGrowthMiB = 256; ///< host peak RSS over its RSS under load before the first fault
+    long maxRssGrowthMiB = 384; ///< host peak RSS over its RSS under load before the first fault
     double faultEverySeconds = 0;  ///< 0: spread the faults over the run
     std::string keepLogs;          ///< when set, the processes' logs are copied to this folder
 };
