@@ -8,7 +8,6 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/StreamCopier.h>
 
-#include "e2e/EventStream.h"
 
 namespace vlm::soak {
 namespace {
@@ -26,12 +25,11 @@ bool answeredOk(const std::string& body)
 
 } // namespace
 
-SoakLoad::SoakLoad(std::uint16_t port, const std::string& uri, const std::string& topic, int streams,
+SoakLoad::SoakLoad(std::uint16_t port, const std::string& uri, const std::string& topic, int streamCount,
                    int httpClients, int intervalMs)
-    : httpPort(port), brokerUri(uri), commandTopic(topic), mqttIntervalMs(intervalMs)
+    : httpPort(port), brokerUri(uri), commandTopic(topic), mqttIntervalMs(intervalMs),
+      streams(port, "/index/api/pilot/pushTelemetry", streamCount)
 {
-    for (int i = 0; i < streams; ++i)
-        workers.emplace_back([this] { readStream(); });
     for (int i = 0; i < httpClients; ++i)
         workers.emplace_back([this] { requestOverHttp(); });
     workers.emplace_back([this] { commandOverMqtt(); });
@@ -45,36 +43,10 @@ SoakLoad::~SoakLoad()
 void SoakLoad::stop()
 {
     stopping = true;
+    streams.stop();
     for (auto& worker : workers) {
         if (worker.joinable())
             worker.join();
-    }
-}
-
-void SoakLoad::readStream()
-{
-    while (!stopping) {
-        try {
-            e2e::EventStream stream(httpPort, "/index/api/pilot/pushTelemetry");
-            if (stream.contentType() != "text/event-stream") {
-                ++count.streamRefused;
-                std::this_thread::sleep_for(retryPause);
-                continue;
-            }
-            ++count.streamOpens;
-            // Line by line: head lines come on every tick, while a stream may
-            // wait long for data it does not have to share.
-            std::string line;
-            while (!stopping && stream.nextLine(line)) {
-                if (line.compare(0, 7, "data: {") == 0)
-                    ++count.streamEvents;
-            }
-            if (!stopping)
-                ++count.streamEnds;
-        } catch (const std::exception&) {
-            ++count.streamEnds;
-            std::this_thread::sleep_for(retryPause);
-        }
     }
 }
 

@@ -13,6 +13,8 @@
 
 #include <mqtt/async_client.h>
 
+#include "e2e/StreamReaders.h"
+
 namespace vlm::soak {
 
 struct Counters {
@@ -21,10 +23,6 @@ struct Counters {
     std::atomic<std::uint64_t> mqttSent{0};
     std::atomic<std::uint64_t> mqttAnswered{0};   ///< answers with code 200
     std::atomic<std::uint64_t> mqttRefused{0};    ///< answers with another code
-    std::atomic<std::uint64_t> streamEvents{0};   ///< telemetry data blocks read
-    std::atomic<std::uint64_t> streamOpens{0};
-    std::atomic<std::uint64_t> streamRefused{0};  ///< answered with JSON (no vehicle yet) instead of a stream
-    std::atomic<std::uint64_t> streamEnds{0};     ///< an open stream ended or went silent and was reopened
 };
 
 /// Everything that loads the host; stops (and joins) on destruction.
@@ -37,12 +35,13 @@ public:
     SoakLoad& operator=(const SoakLoad&) = delete;
 
     const Counters& counters() const { return count; }
+    /// The telemetry streams' counters.
+    const e2e::StreamReaders::Counters& streamCounters() const { return streams.counters(); }
 
     /// Ends every worker; returns once all have.
     void stop();
 
 private:
-    void readStream();
     void requestOverHttp();
     void commandOverMqtt();
 
@@ -51,6 +50,7 @@ private:
     const std::string commandTopic;
     const int mqttIntervalMs;
     Counters count;
+    e2e::StreamReaders streams;
     std::atomic<bool> stopping{false};
     std::vector<std::thread> workers;
 };

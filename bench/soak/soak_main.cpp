@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -18,6 +17,7 @@
 #include <sys/wait.h>
 
 #include "e2e/GatewayStack.h"
+#include "e2e/ProcessMemory.h"
 #include "soak_load.h"
 
 namespace {
@@ -64,18 +64,6 @@ Settings parse(int argc, char** argv)
     return s;
 }
 
-/// Resident set size of a process in KiB (0 when it cannot be read).
-long rssKiB(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    }
-    return 0;
-}
-
 double secondsSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -115,7 +103,7 @@ int main(int argc, char** argv)
     // Memory "at start" is taken once the load is running, so it includes the
     // streams' and requests' working set rather than an idle host.
     std::this_thread::sleep_for(std::chrono::seconds(std::min(5, settings.durationSeconds)));
-    const long rssStart = rssKiB(hostPid);
+    const long rssStart = vlm::e2e::residentKiB(hostPid);
 
     std::vector<double> reconnectSeconds;
     int restarts = 0;
@@ -124,6 +112,7 @@ int main(int argc, char** argv)
     auto nextReport = started + std::chrono::seconds(10);
     const auto end = started + std::chrono::seconds(settings.durationSeconds);
     const auto& c = load.counters();
+    const auto& streams = load.streamCounters();
     while (std::chrono::steady_clock::now() < end && stack.host->running()) {
         const auto now = std::chrono::steady_clock::now();
         if (now >= nextRestart) {
@@ -147,15 +136,15 @@ int main(int argc, char** argv)
                         static_cast<unsigned long long>(c.httpFailed.load()),
                         static_cast<unsigned long long>(c.mqttAnswered.load()),
                         static_cast<unsigned long long>(c.mqttSent.load()),
-                        static_cast<unsigned long long>(c.streamEvents.load()),
-                        static_cast<unsigned long long>(c.streamOpens.load()),
-                        static_cast<unsigned long long>(c.streamEnds.load()), rssKiB(hostPid));
+                        static_cast<unsigned long long>(streams.events.load()),
+                        static_cast<unsigned long long>(streams.opens.load()),
+                        static_cast<unsigned long long>(streams.ends.load()), vlm::e2e::residentKiB(hostPid));
             std::fflush(stdout);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     const bool hostSurvived = stack.host->running();
-    const long rssEnd = rssKiB(hostPid);
+    const long rssEnd = vlm::e2e::residentKiB(hostPid);
     load.stop();
     const double elapsed = secondsSince(started);
 
@@ -184,12 +173,12 @@ int main(int argc, char** argv)
                 static_cast<unsigned long long>(c.httpFailed.load()),
                 static_cast<unsigned long long>(c.mqttRefused.load()),
                 static_cast<unsigned long long>(mqttUnanswered),
-                static_cast<unsigned long long>(c.streamEnds.load()));
+                static_cast<unsigned long long>(streams.ends.load()));
     std::printf("  event streams        %llu opened, %llu refused before the vehicle was reported, "
                 "%llu telemetry events read\n",
-                static_cast<unsigned long long>(c.streamOpens.load()),
-                static_cast<unsigned long long>(c.streamRefused.load()),
-                static_cast<unsigned long long>(c.streamEvents.load()));
+                static_cast<unsigned long long>(streams.opens.load()),
+                static_cast<unsigned long long>(streams.refused.load()),
+                static_cast<unsigned long long>(streams.events.load()));
     std::printf("  simulator restarts   %d, plug-in reconnects %zu (failed %d), link up %.2f s after listening "
                 "(mean), %.2f s (worst)\n",
                 restarts, reconnectSeconds.size(), failedReconnects,

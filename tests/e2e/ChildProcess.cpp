@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,13 +22,32 @@ constexpr auto pollPause = std::chrono::milliseconds(20);
 
 } // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> args, std::string log) : logPath(std::move(log))
+ChildProcess::ChildProcess(std::vector<std::string> args, std::string log, bool withInput) : logPath(std::move(log))
 {
-    child = test::spawnLogged(args, logPath, true);
+    // A socket pair rather than a pipe: send() with MSG_NOSIGNAL reports a
+    // child that has gone instead of raising SIGPIPE in the test.
+    int ends[2] = {-1, -1};
+    if (withInput && ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        throw std::runtime_error("no input channel for " + args.front());
+    try {
+        child = test::spawnLogged(args, logPath, true, withInput ? ends[1] : -1);
+    } catch (...) {
+        if (withInput) {
+            ::close(ends[0]);
+            ::close(ends[1]);
+        }
+        throw;
+    }
+    if (withInput) {
+        ::close(ends[1]);
+        input = ends[0];
+    }
 }
 
 ChildProcess::~ChildProcess()
 {
+    if (input >= 0)
+        ::close(input);
     if (!running())
         return;
     ::kill(child, SIGKILL);
@@ -66,6 +86,23 @@ std::optional<std::string> ChildProcess::waitForLine(const std::string& prefix, 
             return std::nullopt;
         std::this_thread::sleep_for(pollPause);
     }
+}
+
+bool ChildProcess::writeLine(const std::string& line)
+{
+    if (input < 0)
+        return false;
+    const std::string text = line + "\n";
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t n = ::send(input, text.data() + written, text.size() - written, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        written += static_cast<std::size_t>(n);
+    }
+    return true;
 }
 
 void ChildProcess::signal(int number)

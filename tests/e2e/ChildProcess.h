@@ -21,8 +21,9 @@ namespace vlm::e2e {
 class ChildProcess {
 public:
     /// Starts `argv[0]` (a path) with the arguments; appends its output to `logPath`.
+    /// With `withInput`, its standard input is a channel `writeLine` feeds.
     /// Throws std::runtime_error when it cannot be started.
-    ChildProcess(std::vector<std::string> argv, std::string logPath);
+    ChildProcess(std::vector<std::string> argv, std::string logPath, bool withInput = false);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -37,6 +38,11 @@ public:
     /// passed or the child ended first.
     std::optional<std::string> waitForLine(const std::string& prefix, std::chrono::milliseconds timeout,
                                            std::size_t from = 0);
+
+    /// Writes `line` and a line feed to its standard input (started
+    /// `withInput`); false when it cannot (no channel, the child has gone).
+    /// Never raises SIGPIPE.
+    bool writeLine(const std::string& line);
 
     /// Sends a signal (only while it runs).
     void signal(int number);
@@ -54,6 +60,7 @@ public:
 private:
     const std::string logPath;
     pid_t child = -1;
+    int input = -1;  // our end of the child's standard input, -1 without one
     std::optional<int> status;
 };
 

@@ -91,10 +91,11 @@ void GatewayStack::start()
 std::uint16_t GatewayStack::startSim(std::uint16_t port)
 {
     sim.reset();
-    sim = std::make_unique<ChildProcess>(
-        std::vector<std::string>{programPath(VELMORA_PILOT_SIM, "pilot-sim"), "--port", std::to_string(port),
-                                 "--telemetry-hz", std::to_string(options.telemetryHz)},
-        dir.file("sim.log"));
+    std::vector<std::string> args{programPath(VELMORA_PILOT_SIM, "pilot-sim"), "--port", std::to_string(port),
+                                  "--telemetry-hz", std::to_string(options.telemetryHz)};
+    if (options.simControl)
+        args.push_back("--control-stdin");
+    sim = std::make_unique<ChildProcess>(std::move(args), dir.file("sim.log"), options.simControl);
     const auto line = sim->waitForLine("pilot-sim listening on ", startBound, sim->outputSize());
     if (!line)
         throw std::runtime_error("pilot-sim did not start:\n" + tail(sim->output()));
@@ -106,6 +107,11 @@ void GatewayStack::killSim()
 {
     sim->signal(SIGKILL);
     sim->waitExit(startBound);
+}
+
+bool GatewayStack::simCommand(const std::string& line)
+{
+    return sim && sim->writeLine(line);
 }
 
 std::string GatewayStack::writeHostConfig()

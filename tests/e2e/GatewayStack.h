@@ -37,6 +37,8 @@ public:
         /// When set, the host requires "Authorization: Bearer <token>".
         std::string token;
         double telemetryHz = 10;
+        /// When set, the simulator takes control commands (`simCommand`).
+        bool simControl = false;
     };
 
     explicit GatewayStack(Options options);
@@ -51,6 +53,10 @@ public:
     /// Starts the simulator on `port` (0: any); returns the port it listens on.
     std::uint16_t startSim(std::uint16_t port = 0);
     void killSim();
+
+    /// Hands the simulator one control command line (needs `simControl`);
+    /// false when it could not be written. The reply goes to its log.
+    bool simCommand(const std::string& line);
 
     void startHost();
 

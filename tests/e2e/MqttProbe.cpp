@@ -11,16 +11,30 @@ const auto operationBound = std::chrono::seconds(5);
 
 } // namespace
 
-MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId) : client(uri, clientId)
+MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId) : MqttProbe(uri, clientId, nullptr) {}
+
+MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId,
+                     std::function<void(const Message&)> handler, bool ignoreOwnMessages)
+    : onMessage(std::move(handler)), ignoreOwn(ignoreOwnMessages),
+      client(uri, clientId, mqtt::create_options(ignoreOwn ? MQTTVERSION_5 : MQTTVERSION_DEFAULT))
 {
     client.set_message_callback([this](mqtt::const_message_ptr message) {
+        if (onMessage) {
+            onMessage({message->get_topic(), message->to_string()});
+            return;
+        }
         {
             std::lock_guard<std::mutex> lock(mutex);
             received.push_back({message->get_topic(), message->to_string()});
         }
         arrived.notify_all();
     });
-    auto options = mqtt::connect_options_builder().clean_session(true).connect_timeout(operationBound).finalize();
+    auto options = ignoreOwn ? mqtt::connect_options_builder()
+                                   .mqtt_version(MQTTVERSION_5)
+                                   .clean_start(true)
+                                   .connect_timeout(operationBound)
+                                   .finalize()
+                             : mqtt::connect_options_builder().clean_session(true).connect_timeout(operationBound).finalize();
     try {
         if (!client.connect(options)->wait_for(operationBound + std::chrono::seconds(1)))
             throw std::runtime_error("no answer");
@@ -39,9 +53,9 @@ MqttProbe::~MqttProbe()
     }
 }
 
-void MqttProbe::subscribe(const std::string& topic)
+void MqttProbe::subscribe(const std::string& topic, int qos)
 {
-    if (!client.subscribe(topic, 0)->wait_for(operationBound))
+    if (!client.subscribe(topic, qos, mqtt::subscribe_options(ignoreOwn))->wait_for(operationBound))
         throw std::runtime_error("subscribe to " + topic + " not acknowledged");
 }
 

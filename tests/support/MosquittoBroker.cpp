@@ -181,4 +181,12 @@ void MosquittoBroker::stop()
     child = -1;
 }
 
+void MosquittoBroker::kill()
+{
+    if (!running())
+        return;
+    killAndReap(child);
+    child = -1;
+}
+
 } // namespace vlm::test

@@ -53,6 +53,10 @@ public:
     /// bound, and reaps it. Does nothing when it is not running.
     void stop();
 
+    /// Ends the broker at once (SIGKILL), as a crash would, and reaps it.
+    /// Does nothing when it is not running.
+    void kill();
+
     bool running() const { return child > 0; }
     int port() const { return listenPort; }
     pid_t pid() const { return child; }

@@ -9,7 +9,8 @@
 
 namespace vlm::test {
 
-pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPath, bool dieWithParentThread)
+pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPath, bool dieWithParentThread,
+                  int inputFd)
 {
     if (args.empty() || args.front().empty())
         throw std::runtime_error("no program to start");
@@ -34,6 +35,8 @@ pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPa
         sigset_t none;
         sigemptyset(&none);
         ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (inputFd >= 0)
+            ::dup2(inputFd, STDIN_FILENO);
         ::dup2(logFd, STDOUT_FILENO);
         ::dup2(logFd, STDERR_FILENO);
         if (::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
