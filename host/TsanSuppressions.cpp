@@ -13,7 +13,9 @@
 // - POCO: the delegate with which each HTTP server connection listens for the
 //   server stopping. Stopping the server notifies through shared copies of the
 //   delegates while a closing connection unregisters its own; the copy that
-//   goes last destroys the delegate.
+//   goes last destroys the delegate. The server runs each connection inside
+//   a watching wrapper, so the delegate's destruction is also seen inside
+//   POCO's connection destructor.
 // - POCO: the accepting thread's copy of a new connection's socket. When the
 //   connection was served quickly, that copy is the last reference and the
 //   accepting thread deletes the socket after the connection's thread (which
@@ -25,5 +27,6 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_sup
            "race:mqtt::token::on_success\n"
            "race:mqtt::token::on_failure\n"
            "race:Poco::Delegate<Poco::Net::HTTPServerConnection, bool const, false>::~Delegate\n"
+           "race:Poco::Net::HTTPServerConnection::~HTTPServerConnection\n"
            "race:Poco::Net::TCPServer::run\n";
 }

@@ -2,6 +2,10 @@
 // topics, forwarded to the micro service and answered on the topic they came
 // from.
 
+#include <atomic>
+#include <functional>
+#include <system_error>
+
 #include <Poco/JSON/Parser.h>
 
 #include "ApiCatalogue.h"
@@ -16,6 +20,44 @@
 #include "uav/PilotControlCommon/PilotControlLog.h"
 
 namespace vlm {
+namespace {
+
+// Completion of a forwarded MQTT command, run exactly once. The link may let
+// go of a pending call without ever calling back (a frame it cannot read
+// clears its tables); the command then gets the link's "connection aborted"
+// answer when the last copy of its completion goes, rather than none.
+class AnswerOnce {
+public:
+    using Completion = std::function<void(std::error_code, std::string_view)>;
+
+    explicit AnswerOnce(Completion completion) : completion(std::move(completion)) {}
+    ~AnswerOnce()
+    {
+        if (settled.exchange(true))
+            return;
+        try {
+            completion(std::make_error_code(std::errc::connection_aborted), {});
+        } catch (...) {
+            // Answering is best effort here; a destructor must not throw.
+        }
+    }
+    AnswerOnce(const AnswerOnce&) = delete;
+    AnswerOnce& operator=(const AnswerOnce&) = delete;
+
+    void give(std::error_code error, std::string_view reply)
+    {
+        if (!settled.exchange(true))
+            completion(error, reply);
+    }
+    /// For a call that never started: someone else answers it.
+    void withdraw() { settled.store(true); }
+
+private:
+    const Completion completion;
+    std::atomic<bool> settled{false};
+};
+
+} // namespace
 
 std::vector<PilotControlP::CommandTopic> PilotControlP::commandTopics() const
 {
@@ -133,17 +175,25 @@ void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const 
     const std::string apiName = message.optValue<std::string>("api", "");
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
     Poco::JSON::Object::Ptr request = new Poco::JSON::Object(message);
-    auto onAnswer = [weakSelf, request, topic, apiName](std::error_code error, std::string_view reply) {
+    auto answer = std::make_shared<AnswerOnce>([weakSelf, request, topic, apiName](std::error_code error,
+                                                                                  std::string_view reply) {
         if (auto self = weakSelf.lock())
             self->publishAnswer(self->serviceAnswerText(error, reply, *request, " response mqtt msg: "), topic, apiName);
-    };
+    });
+    auto onAnswer = [answer](std::error_code error, std::string_view reply) { answer->give(error, reply); };
     const std::string text = jsonToString(message);
-    if (secondArgument.empty()) {
-        requireFrameFits(impl->oversizeRequestsRefused, text);
-        client->call_with_callback<120000>(procedure, std::move(onAnswer), text);
-    } else {
-        requireFrameFits(impl->oversizeRequestsRefused, text, secondArgument);
-        client->call_with_callback<120000>(procedure, std::move(onAnswer), text, secondArgument);
+    try {
+        if (secondArgument.empty()) {
+            requireFrameFits(impl->oversizeRequestsRefused, text);
+            client->call_with_callback<120000>(procedure, std::move(onAnswer), text);
+        } else {
+            requireFrameFits(impl->oversizeRequestsRefused, text, secondArgument);
+            client->call_with_callback<120000>(procedure, std::move(onAnswer), text, secondArgument);
+        }
+    } catch (...) {
+        // The caller answers a call that failed to start.
+        answer->withdraw();
+        throw;
     }
 }
 

@@ -54,11 +54,12 @@ class Inbox {
 public:
     vlm::MqttClient::MessageHandler handler()
     {
+        // Notified under the lock: a test that has seen its last payload may
+        // destroy the inbox as soon as it can take the lock again, while the
+        // client that delivered it lives on.
         return [this](const std::string&, const std::string& payload) {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                payloads.push_back(payload);
-            }
+            std::lock_guard<std::mutex> lock(mutex);
+            payloads.push_back(payload);
             arrived.notify_all();
         };
     }

@@ -141,3 +141,45 @@ TEST_F(MqttFront, EarlyExitsForwardNothing)
 }
 
 } // namespace
+
+namespace {
+
+// A frame the link cannot read makes it drop every pending call without
+// calling back; a command then waiting for its answer must still get one.
+TEST_F(MqttFront, ACommandWhoseCallTheLinkDropsIsAnsweredOnce)
+{
+    service.service.withhold_answers("telementry");
+    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
+    // A withheld call is received but not handed to the recording handler.
+    std::uint64_t callConnection = 0;
+    ASSERT_TRUE(service.service.wait_for_frames(
+        [&](const std::vector<pilot_rpc::received_frame>& frames) {
+            for (const auto& frame : frames)
+                if (frame.decoded.find("lost-1") != std::string::npos)
+                    callConnection = frame.connection;
+            return callConnection != 0;
+        },
+        std::chrono::seconds(10)));
+
+    pilot_rpc::frame_header badType;
+    badType.frame_type = 7;
+    badType.body_len = 1;
+    ASSERT_TRUE(service.service.send_frame(callConnection, badType, "x"));
+
+    auto answer = answerTo(pilotTopic, "lost-1");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->getObject("message")->getValue<int>("code"), ECONNABORTED);
+
+    // Exactly once: a later command's answer arrives, and still only one for the lost call.
+    service.service.withhold_answers("telementry", false);
+    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"after-1"})");
+    ASSERT_TRUE(answerTo(pilotTopic, "after-1"));
+    std::lock_guard<std::mutex> lock(mutex);
+    int answers = 0;
+    for (const auto& [topic, payload] : received)
+        answers += topic == pilotTopic && payload.find(R"("msgId":"lost-1")") != std::string::npos &&
+                   payload.find(R"("type":"response")") != std::string::npos;
+    EXPECT_EQ(answers, 1);
+}
+
+} // namespace
