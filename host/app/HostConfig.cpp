@@ -268,6 +268,8 @@ PluginConfig readPlugin(const Poco::Dynamic::Var& entry, const std::string& key,
 
 } // namespace
 
+const char* const installedPluginFolder = VELMORA_PLUGIN_FOLDER_FROM_LIB;
+
 ConfigError::ConfigError(std::string key, std::string reason)
     : std::runtime_error(key.empty() ? reason : key + ": " + reason), badKey(std::move(key)), why(std::move(reason))
 {
@@ -341,8 +343,10 @@ std::vector<std::string> resolveLibraryCandidates(const std::string& library, co
     if (path.isAbsolute())
         return {path.toString()};
     std::vector<std::string> candidates{againstFolder(library, configDir)};
-    if (!executableLibDir.empty())
+    if (!executableLibDir.empty()) {
         candidates.push_back(againstFolder(library, executableLibDir));
+        candidates.push_back(againstFolder(library, againstFolder(installedPluginFolder, executableLibDir)));
+    }
     return candidates;
 }
 

@@ -84,10 +84,15 @@ HostConfig parseHostConfig(const Poco::JSON::Object& root, const std::string& pa
 /// that cannot be read or is not a JSON object).
 HostConfig readHostConfigFile(const std::string& path, const std::string& executableLibDir);
 
+/// The plug-in directory of an install, relative to the executable's "../lib"
+/// folder ("velmora/plugins").
+extern const char* const installedPluginFolder;
+
 /// Where a configured library is looked for: an absolute path as it is; a
 /// relative one first against the configuration file's folder, then against
-/// the executable's "../lib" folder (where the build and an install put the
-/// plug-ins), so a configuration may name a plug-in by its file name alone.
+/// the executable's "../lib" folder (where the build puts the plug-ins), then
+/// against the installed plug-in directory below it, so a configuration may
+/// name a plug-in by its file name alone, in the build tree and installed.
 std::vector<std::string> resolveLibraryCandidates(const std::string& library, const std::string& configDir,
                                                   const std::string& executableLibDir);
 

@@ -285,12 +285,14 @@ TEST_F(HostConfigTest, UnreadableFilesAreReportedWithoutAKey)
     }
 }
 
-TEST(LibraryCandidates, RelativeNamesTryTheConfigFolderThenTheExecutablesLib)
+TEST(LibraryCandidates, RelativeNamesTryTheConfigFolderThenTheExecutablesLibThenThePluginDirectory)
 {
     EXPECT_EQ(vlm::host::resolveLibraryCandidates("/abs/libA.so", "/etc/velmora/", "/opt/lib/"),
               std::vector<std::string>{"/abs/libA.so"});
+    EXPECT_STREQ(vlm::host::installedPluginFolder, "velmora/plugins");
     EXPECT_EQ(vlm::host::resolveLibraryCandidates("plugins/libA.so", "/etc/velmora/", "/opt/lib/"),
-              (std::vector<std::string>{"/etc/velmora/plugins/libA.so", "/opt/lib/plugins/libA.so"}));
+              (std::vector<std::string>{"/etc/velmora/plugins/libA.so", "/opt/lib/plugins/libA.so",
+                                        "/opt/lib/velmora/plugins/plugins/libA.so"}));
     EXPECT_EQ(vlm::host::resolveLibraryCandidates("libA.so", "/etc/velmora/", ""),
               std::vector<std::string>{"/etc/velmora/libA.so"});
 }
