@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
   curl procps openssl
+  # the packages (CPack runs dpkg-shlibdeps and file) and their checks
+  dpkg-dev file lintian systemd man-db
   chromium
 )
 
