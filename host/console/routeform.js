@@ -8,6 +8,9 @@ import { prettyAnswer, sendRequest, templateBody } from "/host/console/requests.
 // More waypoints than a console-drawn route needs; a bound on the page's work.
 const maxWaypoints = 200;
 const defaultAltitude = 30;
+// How long an accepted route may take to show up in the telemetry before the
+// form says the vehicle has not confirmed it (the simulator needs under a second).
+const confirmBound = 10000;
 
 /**
  * What an answer means: {ok, summary}. A forwarded request is answered with
@@ -160,6 +163,7 @@ export class RouteForm {
         this.sentCount = points.length;
         this.view.setRoute(points, true);
         this.status("sent", `pushRoute: ${answer.summary}; waiting for the vehicle to report the route`, answer.text);
+        this.expectConfirmation(answer.text);
       } else {
         this.status(answer.ok ? "sent" : "refused", `pushRoute: ${answer.summary}`, answer.text);
       }
@@ -186,8 +190,28 @@ export class RouteForm {
     }
   }
 
+  // A service may accept a route and still not load it (the simulator will
+  // not while a task is flown): say so rather than wait without end.
+  expectConfirmation(answerText) {
+    const sent = this.sentCount;
+    setTimeout(() => {
+      if (this.sentCount !== sent || this.$("route-status").dataset.state !== "sent") return;
+      this.sentCount = null;
+      const reported = this.lastRouteSize === undefined ? "no route size" : `a route of ${this.lastRouteSize}`;
+      this.status("unconfirmed",
+                  `pushRoute was accepted, but after ${confirmBound / 1000} s the vehicle reports ${reported}, not ${sent} waypoint(s)`,
+                  answerText);
+    }, confirmBound);
+  }
+
   /** Telemetry says how many waypoints the vehicle holds: the route arrived once it matches. */
   addTelemetry(telemetry) {
+    if (!this.listedWithFrame && this.view.localFrame()) {
+      // The first position: the list can now say where each waypoint is in metres.
+      this.listedWithFrame = true;
+      this.show();
+    }
+    if (Number.isInteger(telemetry.routeSize)) this.lastRouteSize = telemetry.routeSize;
     if (this.sentCount === null || telemetry.routeSize !== this.sentCount) return;
     if (this.$("route-status").dataset.state !== "sent") return;
     this.sentCount = null;

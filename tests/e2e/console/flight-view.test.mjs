@@ -27,6 +27,7 @@ const flightBound = 90000;
 // and more away.
 const toleranceMetres = 5;
 const metresPerDegree = (6378137 * Math.PI) / 180;
+const metresPerDegreeLon = (lat) => metresPerDegree * Math.cos((lat * Math.PI) / 180);
 
 let stack;
 let browser;
@@ -120,7 +121,7 @@ let home;
 const wanted = [
   { east: 60, north: 0 },
   { east: 60, north: 60 },
-  { east: 0, north: 60 },
+  { east: -20, north: 60 },
   { east: -30, north: 25 },
 ];
 
@@ -140,6 +141,11 @@ test("home is where the vehicle stands, and bad waypoints are refused with a rea
     assert.match(await page.locator("#waypoint-error").textContent(), /95, 11 is not a position on the globe/);
     assert.equal(await page.locator("#route-list li").count(), 0, "nothing was added");
     assert.equal(await page.locator("#route-send").isDisabled(), true, "an empty route cannot be sent");
+
+    // The service's refusal is shown as it came.
+    await page.locator("#route-start").click();
+    await page.waitForSelector("#route-status[data-state=refused]", { timeout: showBound });
+    assert.match(await page.locator("#route-status").textContent(), /executeFlightTask: HTTP 200, code 409: no route has been uploaded/);
   }));
 
 test("a four-waypoint route from the form is drawn where it was entered, one can be removed", () =>
@@ -147,7 +153,9 @@ test("a four-waypoint route from the form is drawn where it was entered, one can
     await typeWaypoint("local", wanted[0].east, wanted[0].north);
     await typeWaypoint("local", wanted[1].east, wanted[1].north);
     // Degrees worked out here, independently of the page.
-    await typeWaypoint("global", (home.lat + wanted[2].north / metresPerDegree).toFixed(8), home.lon.toFixed(8));
+    const lat = home.lat + wanted[2].north / metresPerDegree;
+    const lon = home.lon + wanted[2].east / metresPerDegreeLon(home.lat);
+    await typeWaypoint("global", lat.toFixed(8), lon.toFixed(8));
     await typeWaypoint("local", 10, 10);
     assert.equal(await page.locator("#route-list li").count(), 4);
     await page.locator("#route-list li").nth(3).locator("button.remove").click();
@@ -164,7 +172,19 @@ test("a four-waypoint route from the form is drawn where it was entered, one can
       const off = Math.hypot(drawn[i].east - w.east, drawn[i].north - w.north);
       assert.ok(off < (i === 3 ? 1.5 : 0.1), `waypoint ${i + 1} drawn at ${JSON.stringify(drawn[i])}, ${off.toFixed(2)} m off`);
     });
-    assert.match(await page.locator("#route-list li").nth(2).textContent(), /^0\.0 m E, 60\.0 m N, 30 m up/);
+    assert.match(await page.locator("#route-list li").nth(2).textContent(), /^-20\.0 m E, 60\.0 m N, 30 m up/);
+
+    // North is up and east is right on the screen.
+    // Read in one go in the page: every telemetry sample redraws the marks.
+    const [homeMark, east, north] = await page.evaluate((selectors) =>
+      selectors.map((selector) => {
+        const box = document.querySelector(selector).getBoundingClientRect();
+        return { x: box.x + box.width / 2, y: box.y + box.height / 2 };
+      }),
+      ["#flight-home rect", '#flight-waypoints g[data-index="0"] circle', '#flight-waypoints g[data-index="2"] circle'],
+    );
+    assert.ok(east.x > homeMark.x + 20 && Math.abs(east.y - homeMark.y) < 2, "the first waypoint is drawn east of home");
+    assert.ok(north.y < homeMark.y - 20, "the third waypoint is drawn north of home");
   }));
 
 test("the pushed route is flown and the drawn track passes every waypoint", () =>
@@ -203,7 +223,14 @@ test("the pushed route is flown and the drawn track passes every waypoint", () =
     }));
     const last = route[3];
     assert.ok(Math.hypot(vehicle.east - last.east, vehicle.north - last.north) <= toleranceMetres, JSON.stringify(vehicle));
-    // The last leg runs from (0, 60) to (-30, 25): south-west.
+    // The vehicle is drawn where its reported degrees put it, worked out here.
+    const reported = {
+      east: ((await cellNumber("lon")) - home.lon) * metresPerDegreeLon(home.lat),
+      north: ((await cellNumber("lat")) - home.lat) * metresPerDegree,
+    };
+    assert.ok(Math.hypot(vehicle.east - reported.east, vehicle.north - reported.north) < 0.5,
+              `drawn at ${JSON.stringify(vehicle)}, reported at ${JSON.stringify(reported)}`);
+    // The last leg runs from (-20, 60) to (-30, 25): south by south-west.
     assert.ok(vehicle.heading > 180 && vehicle.heading < 270, `heading ${vehicle.heading} on the last leg`);
 
     // The view was scaled to hold the whole track and route.
