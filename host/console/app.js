@@ -96,6 +96,7 @@ const chart = new TelemetryChart($("chart"));
 // the plug-in hands each sample to one stream only.
 const flightView = new FlightView($("flight-view"), $("flight-caption"));
 const routeForm = new RouteForm($, flightView, () => stationSerial);
+$("track-clear").addEventListener("click", () => flightView.clearTrack());
 let lastTelemetryAt = 0;
 
 function startTelemetry() {

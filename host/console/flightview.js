@@ -94,6 +94,7 @@ export class FlightView {
     this.schedule();
   }
 
+  /** Forgets the track flown so far; the vehicle's position starts the next one. */
   clearTrack() {
     this.track = this.vehicle ? [{ lat: this.vehicle.lat, lon: this.vehicle.lon }] : [];
     this.schedule();

@@ -190,6 +190,9 @@ test("a four-waypoint route from the form is drawn where it was entered, one can
 test("the pushed route is flown and the drawn track passes every waypoint", () =>
   withDiagnostics(async () => {
     const route = await drawnWaypoints();
+    await page.locator("#track-clear").click();
+    const left = parsePoints(await page.locator("#flight-track").getAttribute("points"));
+    assert.ok(left.length <= 1, `${left.length} track points left after clearing`);
     await page.locator("#route-send").click();
     await page.waitForSelector("#route-status[data-state=loaded]", { timeout: showBound });
     const accepted = JSON.parse(await page.locator("#route-answer").textContent());
@@ -244,4 +247,46 @@ test("the pushed route is flown and the drawn track passes every waypoint", () =
     await page.locator("#flight-section").scrollIntoViewIfNeeded();
     await page.screenshot({ path: screenshot, fullPage: true });
     console.log(`flight view screenshot: ${screenshot}`);
+  }));
+
+test("answers are judged by the service's code, and the plug-in's own refusals are shown as such", () =>
+  withDiagnostics(async () => {
+    // The page's own modules, loaded in the page under its policy.
+    const verdicts = await page.evaluate(async () => {
+      const { answerVerdict } = await import("/host/console/routeform.js");
+      const envelope = (code, msg) => JSON.stringify({ api: "pushRoute", type: "response", message: { code, msg } });
+      return [
+        answerVerdict(200, envelope(200, "success")),
+        answerVerdict(200, envelope(409, "a flight task is running")),
+        answerVerdict(200, JSON.stringify({ code: 4001, msg: "The vehicle not connected" })),
+        answerVerdict(503, envelope(200, "success")),
+        answerVerdict(502, "<html>bad gateway</html>"),
+        answerVerdict(200, "null"),
+      ];
+    });
+    assert.deepEqual(verdicts, [
+      { ok: true, summary: "HTTP 200, code 200: success" },
+      { ok: false, summary: "HTTP 200, code 409: a flight task is running" },
+      { ok: false, summary: "HTTP 200, code 4001: The vehicle not connected" },
+      { ok: false, summary: "HTTP 503, code 200: success" },
+      { ok: false, summary: "HTTP 502, not JSON: <html>bad gateway</html>" },
+      { ok: false, summary: "HTTP 200, code none" },
+    ]);
+
+    const scale = await page.evaluate(async () => {
+      const { gridStep } = await import("/host/console/flightview.js");
+      const { LocalFrame } = await import("/host/console/geo.js");
+      const frame = new LocalFrame(78.2, 15.6); // far north, where a degree of longitude is short
+      const back = frame.toLocal(frame.toGlobal(-350, 1200).lat, frame.toGlobal(-350, 1200).lon);
+      let refused = "";
+      try {
+        new LocalFrame(91, 0);
+      } catch (error) {
+        refused = error.message;
+      }
+      return { steps: [40, 240, 1000, 3].map(gridStep), back, refused };
+    });
+    assert.deepEqual(scale.steps, [10, 50, 200, 0.5]);
+    assert.ok(Math.abs(scale.back.east + 350) < 1e-6 && Math.abs(scale.back.north - 1200) < 1e-6, JSON.stringify(scale.back));
+    assert.match(scale.refused, /91, 0 is not a position on the globe/);
   }));
