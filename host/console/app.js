@@ -4,7 +4,9 @@
 
 import { followBus } from "/host/console/bustap.js";
 import { TelemetryChart } from "/host/console/chart.js";
+import { FlightView } from "/host/console/flightview.js";
 import { hostFetch, setTokenPrompt, sleep } from "/host/console/hostapi.js";
+import { RouteForm } from "/host/console/routeform.js";
 import { describeName, loadApiNames, prettyAnswer, sendRequest, templateBody } from "/host/console/requests.js";
 import { followTelemetry, showTelemetry } from "/host/console/telemetry.js";
 
@@ -90,6 +92,11 @@ async function pollHealth() {
 
 // --- telemetry ----------------------------------------------------------------
 const chart = new TelemetryChart($("chart"));
+// The one telemetry stream feeds the table, the chart and the flight view:
+// the plug-in hands each sample to one stream only.
+const flightView = new FlightView($("flight-view"), $("flight-caption"));
+const routeForm = new RouteForm($, flightView, () => stationSerial);
+$("track-clear").addEventListener("click", () => flightView.clearTrack());
 let lastTelemetryAt = 0;
 
 function startTelemetry() {
@@ -103,6 +110,8 @@ function startTelemetry() {
       lastTelemetryAt = performance.now();
       showTelemetry(tbody, telemetry);
       chart.add(telemetry.alt, telemetry.speed);
+      flightView.addTelemetry(telemetry);
+      routeForm.addTelemetry(telemetry);
     },
   });
   setInterval(() => {
