@@ -58,6 +58,10 @@ CommandTrips measureCommandTrips(const e2e::GatewayStack& stack, int count)
     HttpEchoServer httpEcho;
     RpcEchoServer rpcEcho;
     MqttEcho mqttEcho(stack.broker.uri(), "velmora-bench-echo", echoIn, echoOut);
+    // The gateway publishes its answers at QoS 2 (kept so); the broker hands
+    // such a message on only once the publisher's release (PUBREL) came.
+    const std::string echo2In = "/velmora-bench/echo2/in";
+    MqttEcho mqttEchoQos2(stack.broker.uri(), "velmora-bench-echo2", echo2In, echoOut, 2);
     MqttRoundTrip ground(stack.broker.uri(), "velmora-bench-ground");
     ground.subscribe(e2e::groundCommandTopic());
     ground.subscribe(echoOut);
@@ -69,6 +73,7 @@ CommandTrips measureCommandTrips(const e2e::GatewayStack& stack, int count)
     rawCallRoundTrips(stack.simPort, procedure, body, api, 10);
     mqttTrips(ground, e2e::groundCommandTopic(), "w", 3);
     mqttTrips(ground, echoIn, "ew", 3);
+    mqttTrips(ground, echo2In, "ew2", 3);
 
     CommandTrips all;
     const int perRound = (count + rounds - 1) / rounds;
@@ -80,6 +85,7 @@ CommandTrips measureCommandTrips(const e2e::GatewayStack& stack, int count)
         append(all.simCall, rawCallRoundTrips(stack.simPort, procedure, body, api, perRound));
         append(all.mqtt, mqttTrips(ground, e2e::groundCommandTopic(), "m" + tag, perRound));
         append(all.mqttEcho, mqttTrips(ground, echoIn, "e" + tag, perRound));
+        append(all.mqttEchoQos2, mqttTrips(ground, echo2In, "e2-" + tag, perRound));
     }
     return all;
 }

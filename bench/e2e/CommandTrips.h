@@ -16,6 +16,7 @@ struct CommandTrips {
     Trips mqtt;        ///< getConfig on the ground command topic, answered there
     Trips httpEcho;    ///< the same POST to a POCO echo server
     Trips mqttEcho;    ///< the same publish echoed by a plain client through the broker
+    Trips mqttEchoQos2;  ///< the same, echoed at QoS 2 as the gateway answers
     Trips rpcEcho;     ///< the same call as raw frames to an echo socket
     Trips simCall;     ///< the same call as raw frames to the simulator
 };

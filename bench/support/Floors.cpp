@@ -207,8 +207,9 @@ Trips rawCallRoundTrips(std::uint16_t port, const std::string& procedure, const 
     return trips;
 }
 
-MqttEcho::MqttEcho(const std::string& uri, const std::string& clientId, const std::string& from, std::string target)
-    : to(std::move(target)), client(uri, clientId)
+MqttEcho::MqttEcho(const std::string& uri, const std::string& clientId, const std::string& from, std::string target,
+                   int echoQos)
+    : to(std::move(target)), qos(echoQos), client(uri, clientId)
 {
     client.set_message_callback([this](mqtt::const_message_ptr message) {
         std::string payload = message->to_string();
@@ -216,7 +217,7 @@ MqttEcho::MqttEcho(const std::string& uri, const std::string& clientId, const st
         if (type != std::string::npos)
             payload.replace(type, 16, "\"type\":\"response\"");
         try {
-            client.publish(to, payload.data(), payload.size(), 0, false);
+            client.publish(to, payload.data(), payload.size(), qos, false);
         } catch (const std::exception&) {
             // A lost echo shows as a missing round trip.
         }

@@ -75,16 +75,18 @@ Trips rawCallRoundTrips(std::uint16_t port, const std::string& procedure, const 
                         const std::string& api, int count);
 
 /// An MQTT client that republishes everything arriving on `from` on `to`
-/// (QoS 0), straight from the client library's callback.
+/// at `qos`, straight from the client library's callback.
 class MqttEcho {
 public:
-    MqttEcho(const std::string& uri, const std::string& clientId, const std::string& from, std::string to);
+    MqttEcho(const std::string& uri, const std::string& clientId, const std::string& from, std::string to,
+             int qos = 0);
     ~MqttEcho();
     MqttEcho(const MqttEcho&) = delete;
     MqttEcho& operator=(const MqttEcho&) = delete;
 
 private:
     const std::string to;
+    const int qos;
     mqtt::async_client client;
 };
 
