@@ -63,9 +63,9 @@ void MqttRoundTrip::arrived(const e2e::MqttProbe::Message& message)
         std::lock_guard<std::mutex> lock(mutex);
         const auto it = pending.find(msgId);
         if (it == pending.end() || it->second.answer) {
-            // Event envelopes are responses too, with numeric msgIds of their own.
-            if (message.payload.find("\"api\":\"pushTelemetry\"") == std::string::npos &&
-                message.payload.find("\"api\":\"heartBeat\"") == std::string::npos)
+            // Event envelopes are responses too, numbered by the plug-in with
+            // digits only; the drivers' requests never are.
+            if (!msgId.empty() && msgId.find_first_not_of("0123456789") != std::string::npos)
                 ++stray;
             return;
         }

@@ -35,7 +35,9 @@ public:
     /// Forgets the request either way.
     std::optional<Answer> await(const std::string& msgId, std::chrono::milliseconds timeout);
 
-    /// Answers that matched no waiting request (late, repeated or foreign).
+    /// Answers with a msgId that is not all digits (the plug-in numbers its
+    /// events that way) that matched no waiting request: late, repeated or
+    /// foreign ones.
     std::uint64_t unmatched();
 
 private:
