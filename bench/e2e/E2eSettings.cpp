@@ -7,7 +7,8 @@ namespace vlm::bench {
 std::string e2eUsage()
 {
     return "usage: velmora-bench-e2e [--commands N (200)] [--idle-seconds S (10)] [--load-seconds S (30)]\n"
-           "                         [--streams N (32)] [--telemetry-hz HZ (50)] [--khz-seconds S (10)]\n";
+           "                         [--streams N (32)] [--telemetry-hz HZ (50)] [--khz-seconds S (10)]\n"
+           "                         [--broker-nodelay]\n";
 }
 
 E2eSettings parseE2eSettings(int argc, char** argv, bool& help)
@@ -19,6 +20,10 @@ E2eSettings parseE2eSettings(int argc, char** argv, bool& help)
         if (flag == "--help" || flag == "-h") {
             help = true;
             return s;
+        }
+        if (flag == "--broker-nodelay") {
+            s.brokerNoDelay = true;
+            continue;
         }
         if (i + 1 >= argc)
             throw std::invalid_argument(flag + " needs a value");

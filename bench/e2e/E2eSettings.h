@@ -12,6 +12,7 @@ struct E2eSettings {
     int streams = 32;          ///< event streams open during the load
     double telemetryHz = 50;   ///< telemetry rate during the load
     int khzSeconds = 10;       ///< telemetry at 1 kHz counted for this long
+    bool brokerNoDelay = false; ///< the broker sends without Nagle's delay (set_tcp_nodelay)
 };
 
 /// Parses the command line; throws std::invalid_argument naming the flag.

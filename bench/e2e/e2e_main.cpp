@@ -115,6 +115,8 @@ int main(int argc, char** argv)
     options.telemetryHz = 0;  // idle first; the load phase turns it on
     options.simControl = true;
     options.simArgs = {"--stamp-publish-time"};
+    if (settings.brokerNoDelay)
+        options.brokerConfig = "set_tcp_nodelay true";
     vlm::e2e::GatewayStack stack(options);
     try {
         stack.start();
@@ -123,7 +125,9 @@ int main(int argc, char** argv)
         return 1;
     }
     const pid_t host = stack.host->pid();
-    std::printf("velmora-bench-e2e: %ld cores, logs in %s\n", ::sysconf(_SC_NPROCESSORS_ONLN), stack.dir.path.c_str());
+    std::printf("velmora-bench-e2e: %ld cores, broker set_tcp_nodelay %s, logs in %s\n",
+                ::sysconf(_SC_NPROCESSORS_ONLN), settings.brokerNoDelay ? "true" : "false (default)",
+                stack.dir.path.c_str());
     std::fflush(stdout);
 
     // Idle: the vehicle link up, no clients, no telemetry; heartbeats go on.

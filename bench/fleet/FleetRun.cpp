@@ -123,6 +123,8 @@ FleetResult runFleet(int stations, const FleetSettings& settings)
             e2e::GatewayStack::Options options;
             options.stationSn = stationName(i);
             options.telemetryHz = settings.telemetryHz;
+            if (settings.brokerNoDelay)
+                options.brokerConfig = "set_tcp_nodelay true";
             fleet.push_back(std::make_unique<e2e::GatewayStack>(options));
             fleet.back()->start();
             // Only the station's own topic crosses its bridge, as on a real

@@ -17,6 +17,7 @@ struct FleetSettings {
     int commandsPerStation = 50;
     int secondsPerFleet = 60;  ///< bound of one fleet's command phase
     double telemetryHz = 1;
+    bool brokerNoDelay = false;  ///< station brokers send without Nagle's delay
 };
 
 struct FleetResult {

@@ -22,7 +22,7 @@ using namespace vlm::bench;
 void usage()
 {
     std::cout << "usage: velmora-bench-fleet [--stations LIST (1,8,16)] [--commands N per station (50)]\n"
-                 "                           [--seconds S per fleet (60)] [--telemetry-hz HZ (1)]\n";
+                 "                           [--seconds S per fleet (60)] [--telemetry-hz HZ (1)] [--broker-nodelay]\n";
 }
 
 std::vector<int> parseList(const std::string& text)
@@ -54,6 +54,10 @@ int main(int argc, char** argv)
                 usage();
                 return 0;
             }
+            if (flag == "--broker-nodelay") {
+                settings.brokerNoDelay = true;
+                continue;
+            }
             if (i + 1 >= argc)
                 throw std::invalid_argument(flag + " needs a value");
             const std::string value = argv[++i];
@@ -77,8 +81,10 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    std::printf("velmora-bench-fleet: %ld cores, %d commands per station (one in flight each), telemetry %.0f Hz\n",
-                ::sysconf(_SC_NPROCESSORS_ONLN), settings.commandsPerStation, settings.telemetryHz);
+    std::printf("velmora-bench-fleet: %ld cores, %d commands per station (one in flight each), telemetry %.0f Hz, "
+                "station brokers' set_tcp_nodelay %s\n",
+                ::sysconf(_SC_NPROCESSORS_ONLN), settings.commandsPerStation, settings.telemetryHz,
+                settings.brokerNoDelay ? "true" : "false (default)");
     std::fflush(stdout);
     std::vector<FleetResult> results;
     for (const int stations : fleets) {

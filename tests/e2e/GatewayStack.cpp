@@ -66,7 +66,10 @@ std::string hostProgram()
     return programPath(VELMORA_HOST_BIN, "velmora-host");
 }
 
-GatewayStack::GatewayStack(Options opts) : options(std::move(opts)) {}
+GatewayStack::GatewayStack(Options opts)
+    : options(std::move(opts)), broker(test::MosquittoBroker::Options{"", "", "", "", options.brokerConfig})
+{
+}
 
 GatewayStack::GatewayStack() : GatewayStack(Options{}) {}
 

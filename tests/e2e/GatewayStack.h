@@ -46,6 +46,8 @@ public:
         std::string stationSn = e2e::stationSn;
         /// Further simulator arguments (e.g. "--stamp-publish-time").
         std::vector<std::string> simArgs{};
+        /// Further lines for the station broker's configuration.
+        std::string brokerConfig{};
     };
 
     explicit GatewayStack(Options options);
