@@ -87,6 +87,9 @@ command_line parse_command_line(const std::vector<std::string>& args)
             parsed.settings_path = take_value();
         } else if (flag == "--telemetry-hz") {
             parsed.options.telemetry_hz = rate(flag, take_value());
+        } else if (flag == "--stamp-publish-time") {
+            no_value();
+            parsed.options.stamp_publish_time = true;
         } else if (flag == "--control-stdin") {
             no_value();
             parsed.control_stdin = true;
@@ -144,6 +147,9 @@ Options:
                              defaults; "vehicle.pilot_id" defaults to SIM-UAV-0001.
                              sim/pilot-sim.settings.json lists every key.
   --telemetry-hz N           "pushTelemetry" events a second (default 5; 0: none).
+  --stamp-publish-time       Add "publishedUs" (wall clock, microseconds, taken just
+                             before publishing) to each telemetry sample; for
+                             latency drivers (default off).
   --control-stdin            Read control commands from standard input, one a line
                              ("help" lists them): events on request, faults.
 

@@ -43,8 +43,10 @@ void simulator::engine::telemetry_tick()
     if (due > 0 && vehicle_connected_) {
         // Samples of one wake-up (several only above 1 kHz) share one text.
         telemetry_seq_ += due;
-        const std::string text =
+        std::string text =
             telemetry_payload(vehicle_.state(), settings_.pilot_id(), telemetry_seq_, wall_clock_ms());
+        if (options_.stamp_publish_time)
+            text = with_publish_stamp(text, wall_clock_us());
         for (std::size_t i = 0; i < due; ++i)
             service_.publish(texts::pushTelemetry, text);
     }

@@ -143,6 +143,22 @@ std::string fire_search_payload(const vehicle_state& s, const std::string& pilot
     return stringify(o);
 }
 
+std::string with_publish_stamp(const std::string& payload, std::int64_t wall_us)
+{
+    const std::size_t close = payload.rfind('}');
+    if (close == std::string::npos)
+        return payload;
+    const bool empty = payload.find_first_not_of(" \t\r\n", payload.find('{') + 1) == close;
+    return payload.substr(0, close) + (empty ? "" : ",") + "\"publishedUs\":" + std::to_string(wall_us) +
+           payload.substr(close);
+}
+
+std::int64_t wall_clock_us()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
 std::int64_t wall_clock_ms()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())

@@ -18,6 +18,12 @@ namespace pilot_sim {
 std::string telemetry_payload(const vehicle_state& state, const std::string& pilot_id, std::uint64_t seq,
                               std::int64_t timestamp_ms);
 
+/// `payload` (a JSON object text) with "publishedUs": `wall_us` added as its last key.
+std::string with_publish_stamp(const std::string& payload, std::int64_t wall_us);
+
+/// Wall-clock microseconds since the epoch.
+std::int64_t wall_clock_us();
+
 /// "heartBeat": the service is alive; says whether the vehicle link is up.
 std::string heartbeat_payload(const std::string& pilot_id, std::uint64_t seq, std::int64_t timestamp_ms,
                               bool vehicle_connected);

@@ -33,6 +33,11 @@ struct simulator_options {
     service_settings settings = service_settings::defaults();
     /// "pushTelemetry" events a second; 0 or less: none.
     double telemetry_hz = 5.0;
+    /// Adds "publishedUs", the wall clock in microseconds just before the
+    /// publication is handed to the link, to each telemetry sample, so that a
+    /// load driver can tell how old a sample is when it arrives. Off by
+    /// default: the sample then looks as it always has.
+    bool stamp_publish_time = false;
     std::chrono::milliseconds heartbeat_interval{1000};
     /// From "reportRPCSub" to "pilotConnectState" and "pushUavSn".
     std::chrono::milliseconds announce_delay{100};

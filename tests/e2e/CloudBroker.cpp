@@ -32,17 +32,21 @@ bool accepts(int port)
 
 } // namespace
 
-CloudBroker::CloudBroker(const std::string& stationHostPort) : port(freePort())
+CloudBroker::CloudBroker(const std::string& stationHostPort) : CloudBroker(std::vector<Bridge>{{stationHostPort}}) {}
+
+CloudBroker::CloudBroker(const std::vector<Bridge>& bridges) : port(freePort())
 {
     std::string config = "listener " + std::to_string(port) + " 127.0.0.1\n"
                          "allow_anonymous true\npersistence false\nlog_dest stderr\n";
     if (::geteuid() == 0)
         config += "user root\n";
-    config += "connection station\n"
-              "address " + stationHostPort + "\n"
-              "topic /velmora/pilot/# both 0\n"
-              "cleansession true\n"
-              "restart_timeout 1\n";
+    for (std::size_t i = 0; i < bridges.size(); ++i) {
+        config += "connection station" + (i == 0 ? std::string() : "-" + std::to_string(i)) + "\n"
+                  "address " + bridges[i].stationHostPort + "\n"
+                  "topic " + bridges[i].topics + " both 0\n"
+                  "cleansession true\n"
+                  "restart_timeout 1\n";
+    }
     broker = std::make_unique<ChildProcess>(
         std::vector<std::string>{"/usr/sbin/mosquitto", "-c", dir.write("cloud.conf", config)}, dir.file("cloud.log"));
     for (int attempt = 0; attempt < 100 && broker->running(); ++attempt) {

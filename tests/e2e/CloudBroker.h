@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "e2e/ChildProcess.h"
 #include "support/TempDir.h"
@@ -13,8 +14,16 @@ namespace vlm::e2e {
 /// station and a cloud are joined. Listens on a loopback port of its own.
 class CloudBroker {
 public:
+    /// One bridged station broker and the topic pattern carried both ways.
+    struct Bridge {
+        std::string stationHostPort;
+        std::string topics = "/velmora/pilot/#";
+    };
+
     /// Starts and returns once it accepts connections; throws std::runtime_error otherwise.
     explicit CloudBroker(const std::string& stationHostPort);
+    /// The same with a bridge to each station, as a cloud serving a fleet.
+    explicit CloudBroker(const std::vector<Bridge>& bridges);
 
     std::string uri() const;
     std::string output() const;

@@ -44,7 +44,12 @@ std::string groundCommandTopic()
 
 std::string stationTopic()
 {
-    return std::string("/velmora/pilot/") + topicGuid + "/" + stationSn + "/cmd";
+    return stationTopicOf(stationSn);
+}
+
+std::string stationTopicOf(const std::string& sn)
+{
+    return std::string("/velmora/pilot/") + topicGuid + "/" + sn + "/cmd";
 }
 
 std::string programPath(const char* built, const char* what)
@@ -61,7 +66,10 @@ std::string hostProgram()
     return programPath(VELMORA_HOST_BIN, "velmora-host");
 }
 
-GatewayStack::GatewayStack(Options opts) : options(std::move(opts)) {}
+GatewayStack::GatewayStack(Options opts)
+    : options(std::move(opts)), broker(test::MosquittoBroker::Options{"", "", "", "", options.brokerConfig})
+{
+}
 
 GatewayStack::GatewayStack() : GatewayStack(Options{}) {}
 
@@ -95,6 +103,7 @@ std::uint16_t GatewayStack::startSim(std::uint16_t port)
                                   "--telemetry-hz", std::to_string(options.telemetryHz)};
     if (options.simControl)
         args.push_back("--control-stdin");
+    args.insert(args.end(), options.simArgs.begin(), options.simArgs.end());
     sim = std::make_unique<ChildProcess>(std::move(args), dir.file("sim.log"), options.simControl);
     const auto line = sim->waitForLine("pilot-sim listening on ", startBound, sim->outputSize());
     if (!line)
@@ -122,7 +131,7 @@ std::string GatewayStack::writeHostConfig()
     const std::string text = R"({
   "http": {)" + http + R"(},
   "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": "", "client_id": "velmora-host-e2e"},
-  "station": {"station_sn": ")" + std::string(stationSn) + R"("},
+  "station": {"station_sn": ")" + options.stationSn + R"("},
   "plugins": [{"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_address": "127.0.0.1",
                "service_port": )" + std::to_string(simPort) + R"(, "service_wait_seconds": 5}],
   "log": {"level": "information", "file": ")" + dir.file("host.log") + R"("}

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Poco/JSON/Object.h>
 
@@ -27,6 +28,8 @@ std::string groundCommandTopic();
 /// The station's own topic: cloud commands and their answers, and the
 /// published telemetry and events.
 std::string stationTopic();
+/// The same for the station `sn`.
+std::string stationTopicOf(const std::string& sn);
 
 /// The product as it runs on a station, all real processes on loopback
 /// ports the kernel chose: a mosquitto broker, the pilot-sim simulator and
@@ -39,6 +42,12 @@ public:
         double telemetryHz = 10;
         /// When set, the simulator takes control commands (`simCommand`).
         bool simControl = false;
+        /// The station's id; a fleet of stacks needs one each.
+        std::string stationSn = e2e::stationSn;
+        /// Further simulator arguments (e.g. "--stamp-publish-time").
+        std::vector<std::string> simArgs{};
+        /// Further lines for the station broker's configuration.
+        std::string brokerConfig{};
     };
 
     explicit GatewayStack(Options options);

@@ -16,13 +16,14 @@ TEST(CommandLine, DefaultsListenOnTheLoopbackAtTheUsualPort)
     EXPECT_EQ(parsed.options.bind_address, "127.0.0.1");
     EXPECT_EQ(parsed.options.telemetry_hz, 5.0);
     EXPECT_FALSE(parsed.control_stdin);
+    EXPECT_FALSE(parsed.options.stamp_publish_time);
     EXPECT_FALSE(parsed.help);
 }
 
 TEST(CommandLine, EveryFlagReachesItsOption)
 {
     const auto parsed = parse_command_line(
-        {"--port", "0", "--bind=::1", "--settings", "s.json", "--telemetry-hz", "50.5", "--control-stdin",
+        {"--port", "0", "--bind=::1", "--settings", "s.json", "--telemetry-hz", "50.5", "--control-stdin", "--stamp-publish-time",
          "--delay", "getBoolConfig=6000", "--delay=flightControl=250", "--never-answer", "reportRPCSub",
          "--drop-after-frames", "40", "--refuse-for", "1500", "--vehicle-disconnected", "--bad-frame", "oversize",
          "--malformed-publication", "--fault-delay", "800"});
@@ -32,6 +33,7 @@ TEST(CommandLine, EveryFlagReachesItsOption)
     EXPECT_EQ(parsed.settings_path, "s.json");
     EXPECT_EQ(o.telemetry_hz, 50.5);
     EXPECT_TRUE(parsed.control_stdin);
+    EXPECT_TRUE(o.stamp_publish_time);
     EXPECT_EQ(o.faults.delayed.at("getBoolConfig"), 6000ms);
     EXPECT_EQ(o.faults.delayed.at("flightControl"), 250ms);
     EXPECT_EQ(o.faults.unanswered, std::set<std::string>{"reportRPCSub"});

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "control_commands.h"
+#include "event_payloads.h"
 #include "sim_fixture.h"
 
 namespace pilot_sim::test {
@@ -213,4 +214,36 @@ TEST_F(Telemetry, DescribesTheVehicleAndStopsWhenTheVehicleLinkDrops)
 }
 
 }  // namespace
+TEST_F(Telemetry, CarriesItsPublishTimeOnlyWhenAsked)
+{
+    simulator_options options = quick_options();
+    options.telemetry_hz = 50.0;
+    options.stamp_publish_time = true;
+    start(options);
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"pushTelemetry"});
+    ASSERT_TRUE(events.wait_for_count("pushTelemetry", 2));
+    const auto sample = parse_object(events.of("pushTelemetry").front());
+    // Stamped just before publishing, after the sample's own millisecond time.
+    const auto stamp_us = sample->getValue<Poco::Int64>("publishedUs");
+    const auto sample_ms = sample->getValue<Poco::Int64>("timestamp");
+    EXPECT_GE(stamp_us / 1000, sample_ms);
+    EXPECT_LT(stamp_us / 1000 - sample_ms, 1000);
+    // The stamp is the last key, and the text stays one JSON object.
+    EXPECT_NE(events.of("pushTelemetry").front().find(",\"publishedUs\":"), std::string::npos);
+
+    EXPECT_EQ(with_publish_stamp("{}", 7), "{\"publishedUs\":7}");
+}
+
+TEST_F(Telemetry, LooksAsAlwaysWithoutTheStamp)
+{
+    simulator_options options = quick_options();
+    options.telemetry_hz = 50.0;
+    start(options);
+    auto subscriber = connected_client();
+    subscribe(*subscriber, {"pushTelemetry"});
+    ASSERT_TRUE(events.wait_for_count("pushTelemetry", 1));
+    EXPECT_FALSE(parse_object(events.of("pushTelemetry").front())->has("publishedUs"));
+}
+
 }  // namespace pilot_sim::test
