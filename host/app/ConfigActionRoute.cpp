@@ -1,5 +1,8 @@
 #include "app/ConfigActionRoute.h"
 
+#include <algorithm>
+#include <istream>
+
 #include <Poco/JSON/Parser.h>
 #include <Poco/Logger.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -16,6 +19,23 @@ using Status = Poco::Net::HTTPResponse::HTTPStatus;
 
 // The bodies are at most an address; anything longer is not one of ours.
 constexpr std::size_t maxActionBodyBytes = 4096;
+// What is read and dropped of a refused body after the answer, so that the
+// answer reaches a client still sending instead of being cut off by a reset
+// when the connection closes with unread data.
+constexpr std::size_t drainBound = 64 * 1024;
+
+void drainBody(Poco::Net::HTTPServerRequest& request)
+{
+    try {
+        std::istream& in = request.stream();
+        char chunk[4096];
+        std::size_t left = drainBound;
+        while (left > 0 && in.read(chunk, static_cast<std::streamsize>(std::min(left, sizeof chunk))))
+            left -= static_cast<std::size_t>(in.gcount());
+    } catch (const Poco::Exception&) {
+        // A client that went away has nothing left to read.
+    }
+}
 
 // The body as a JSON object (empty or blank: the empty object), or null after
 // answering 413 or 400.
@@ -25,10 +45,11 @@ Poco::JSON::Object::Ptr bodyObject(Poco::Net::HTTPServerRequest& request, Poco::
     if (body.status != RequestText::Status::ok) {
         // What is left of the body is unread; the connection cannot carry another request.
         response.setKeepAlive(false);
-        if (body.status == RequestText::Status::tooLarge)
+        if (body.status == RequestText::Status::tooLarge) {
             sendJsonError(response, Status::HTTP_REQUEST_ENTITY_TOO_LARGE,
                           "body larger than " + std::to_string(maxActionBodyBytes) + " bytes");
-        else
+            drainBody(request);
+        } else
             sendJsonError(response, Status::HTTP_BAD_REQUEST, "body could not be read: " + body.error);
         return nullptr;
     }
