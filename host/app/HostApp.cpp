@@ -81,6 +81,8 @@ void HostApp::startServices()
         std::chrono::seconds(5), std::max(1, httpCapacity(config.http).reservedHostThreads / 2));
     busRoute->install(*server);
     installHealthRoute(*server, [this] { return health(); });
+    configRoute = std::make_unique<ConfigActionRoute>();
+    configRoute->install(*server);
     apiDescription =
         std::make_unique<ApiDescriptionRoute>(*server, !config.http.bearerToken.empty(), VELMORA_HOST_VERSION);
     apiDescription->install();
@@ -152,6 +154,7 @@ void HostApp::startPlugin(const PluginConfig& plugin)
     }
     messageBus->attach(loaded.guid, loaded.instance);
     apiDescription->addPlugin(loaded.name, loaded.guid, *loaded.library);
+    configRoute->addPlugin(*loaded.library);
     setState(loaded.guid, "running");
     logger().information("plug-in %s %s (type %d) started from %s, service %s:%hu", loaded.name, loaded.guid,
                          loaded.type, loaded.libraryPath, plugin.serviceAddress, plugin.servicePort);

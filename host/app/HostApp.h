@@ -15,6 +15,7 @@
 #include <Poco/JSON/Object.h>
 
 #include "app/BusTapRoute.h"
+#include "app/ConfigActionRoute.h"
 #include "app/HostConfig.h"
 #include "app/MessageBus.h"
 #include "app/PluginLinkHealth.h"
@@ -125,6 +126,7 @@ private:
     std::shared_ptr<PahoMqttClient> mqtt;
     std::shared_ptr<MessageBus> messageBus;
     std::unique_ptr<BusTapRoute> busRoute;
+    std::unique_ptr<ConfigActionRoute> configRoute;
     std::unique_ptr<ApiDescriptionRoute> apiDescription;
     std::shared_ptr<HttpApiServer> server;
 };

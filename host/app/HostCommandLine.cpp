@@ -33,6 +33,8 @@ HostCommandLine parseHostCommandLine(const std::vector<std::string>& args)
 std::string hostUsageText()
 {
     return R"(Usage: velmora-host --config FILE [--check]
+       velmora-host config reset-defaults|backup|load-hangar --config FILE
+       velmora-host ping ADDRESS
 
 The Velmora reference host: loads the plug-in libraries listed in FILE, gives
 them the host's HTTP server, MQTT client and message bus, starts each against
@@ -47,6 +49,9 @@ Host paths (beside the plug-ins' own, e.g. /index/api/pilot/<api>):
   GET  /host/health   JSON: plug-ins, MQTT connection, service links, uptime.
   GET  /host/bus      Event stream of every bus message.
   POST /host/bus      Deliver a JSON message with a "to" list of GUIDs.
+  POST /host/config/reset-defaults, /host/config/backup,
+       /host/config/load-hangar, /host/ping
+                      The station's configuration routines (see config --help).
 
 Options:
   -c, --config FILE   The JSON configuration (see config/velmora-host.example.json

@@ -11,6 +11,7 @@
 #include <Poco/Logger.h>
 
 #include "VelmoraCommon.h"
+#include "app/ConfigCommand.h"
 #include "app/HostApp.h"
 #include "app/HostCommandLine.h"
 #include "app/HostConfig.h"
@@ -43,9 +44,13 @@ int main(int argc, char** argv)
     // A client that goes away mid-answer must cost an error code, not the process.
     ::signal(SIGPIPE, SIG_IGN);
 
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    if (vlm::host::isConfigCommand(args))
+        return vlm::host::runConfigCommand(args, std::cout, std::cerr);
+
     vlm::host::HostCommandLine commandLine;
     try {
-        commandLine = vlm::host::parseHostCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+        commandLine = vlm::host::parseHostCommandLine(args);
     } catch (const std::invalid_argument& e) {
         std::cerr << "velmora-host: " << e.what() << '\n';
         return 2;

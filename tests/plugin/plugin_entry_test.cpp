@@ -84,7 +84,7 @@ TEST(PluginExports, OnlyTheEntryPointsTheApiListTheLinkReportAndThePluginClassLe
 {
     const std::set<std::string> cFunctions = {"PluginName",   "PluginType",         "PluginGuid",
                                               "PluginLoad",   "PluginUnLoad",       "PluginApiCatalogue",
-                                              "PluginLinkHealth"};
+                                              "PluginLinkHealth", "PluginConfigAction"};
     const auto raw = dynamicSymbols(false);
     for (const auto& name : cFunctions)
         EXPECT_EQ(raw.count(name), 1u) << name << " must be exported undecorated";

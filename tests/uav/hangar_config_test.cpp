@@ -1,3 +1,6 @@
+#include <thread>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include <Poco/File.h>
@@ -6,6 +9,7 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "uav/PilotControlCommon/PilotControlCommon.h"
+#include "uav/PilotControlCommon/PilotControlLog.h"
 
 namespace {
 
@@ -82,6 +86,23 @@ TEST_F(HangarConfigTest, BadPortTextAndBadFilesAreLoggedNotThrown)
     const std::string missing = dir.file("absent.json");
     vlm::loadHangarConfig(missing);
     EXPECT_EQ(log.errors("Source file does not exist: " + missing), 1);
+}
+
+// The host answers an action with the lines its routine logged: exactly the
+// lines of that call, on that thread.
+TEST_F(HangarConfigTest, ErrorCaptureKeepsTheLinesOfItsOwnThreadAndCall)
+{
+    const std::string missing = dir.file("absent.json");
+    vlm::pclog::ErrorCapture outer;
+    std::thread other([&] { vlm::loadHangarConfig(dir.file("other.json")); });
+    other.join();
+    {
+        vlm::pclog::ErrorCapture inner;
+        vlm::loadHangarConfig(hangar(R"({"remotePort":"","uavType":"VT"})"));
+        EXPECT_EQ(inner.lines(), (std::vector<std::string>{"not exist remoteIp", "remotePort is empty!"}));
+    }
+    vlm::loadHangarConfig(missing);
+    EXPECT_EQ(outer.lines(), std::vector<std::string>{"Source file does not exist: " + missing});
 }
 
 } // namespace

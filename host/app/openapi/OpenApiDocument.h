@@ -38,6 +38,9 @@ Poco::JSON::Object::Ptr buildOpenApiDocument(const OpenApiInputs& inputs);
 /// the console's files, which are served without the token. Pure.
 Poco::JSON::Object::Ptr describeHostPath(const std::string& path, bool tokenRequired);
 
+/// The path item of a configuration action route, or null for another path. Pure.
+Poco::JSON::Object::Ptr describeConfigActionPath(const std::string& path, bool tokenRequired);
+
 /// Tags of the host's own routes, for the document's "tags" list.
 Poco::JSON::Array::Ptr hostPathTags();
 

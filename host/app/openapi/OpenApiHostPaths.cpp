@@ -176,6 +176,8 @@ Poco::JSON::Object::Ptr describeHostPath(const std::string& path, bool tokenRequ
         return busPathItem(tokenRequired);
     if (path == apiDescriptionPath)
         return descriptionPathItem(tokenRequired);
+    if (Object::Ptr item = describeConfigActionPath(path, tokenRequired))
+        return item;
     for (const auto& route : consoleRoutes()) {
         if (route.path == path)
             return consolePathItem(route);

@@ -21,11 +21,23 @@ std::string selfPath()
 
 } // namespace
 
+std::string configBackupDirectory()
+{
+    // forDirectory: configHome() ends without a slash when it comes from
+    // XDG_CONFIG_HOME, and its last name must still count as a folder.
+    Poco::Path directory = Poco::Path::forDirectory(Poco::Path::configHome());
+    directory.pushDirectory("fenlix");
+    return directory.toString();
+}
+
+std::string configBackupBaseName()
+{
+    return Poco::Path(selfPath()).getBaseName();
+}
+
 void backupConfigFile()
 {
-    Poco::Path directory(Poco::Path::configHome());
-    directory.pushDirectory("fenlix");
-    backupConfigFile(directory.toString(), Poco::Path(selfPath()).getBaseName());
+    backupConfigFile(configBackupDirectory(), configBackupBaseName());
 }
 
 void backupConfigFile(const std::string& directory, const std::string& baseName)

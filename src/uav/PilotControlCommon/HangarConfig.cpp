@@ -11,8 +11,6 @@
 namespace vlm {
 namespace {
 
-constexpr const char* hangarFilePath = "/etc/hangarInfo/hangarComConfig.json";
-
 using HangarFile = Poco::Util::JSONConfiguration;
 
 // std::stoi with the failure texts the station's tools have always logged.
@@ -89,7 +87,7 @@ bool readUavType(const HangarFile& hangar)
 
 void loadHangarConfig()
 {
-    loadHangarConfig(hangarFilePath);
+    loadHangarConfig(hangarConfigFile);
 }
 
 void loadHangarConfig(const std::string& path)

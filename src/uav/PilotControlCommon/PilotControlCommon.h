@@ -17,11 +17,20 @@ std::string notificationName();
 /// key is removed, then the default table is written in order. Does not save.
 void resetConfigDefaults();
 
+/// The folder backupConfigFile() works in: <configHome>/fenlix/.
+std::string configBackupDirectory();
+/// The base name backupConfigFile() uses: the running executable's file name
+/// without its extension.
+std::string configBackupBaseName();
+
 /// Copies <configHome>/fenlix/<executable>.json to <executable>-backup.json
 /// beside it. Logs and returns when the source is missing or the copy fails.
 void backupConfigFile();
 /// Same, with the directory and the base name given (for tests and tools).
 void backupConfigFile(const std::string& directory, const std::string& baseName);
+
+/// The hangar description file loadHangarConfig() reads.
+inline constexpr const char* hangarConfigFile = "/etc/hangarInfo/hangarComConfig.json";
 
 /// Merges /etc/hangarInfo/hangarComConfig.json into the host configuration and
 /// saves it when anything changed. Logs every failure; never throws.

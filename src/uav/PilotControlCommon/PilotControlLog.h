@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <Poco/Logger.h>
 
@@ -43,6 +44,39 @@ inline std::string format(const char* fmt, ...)
     return text;
 }
 
+/// While one lives on a thread, the error lines the common routines write on
+/// that thread are also kept here, whatever the logger's level, so that a
+/// caller can answer with the reason a routine that returns nothing failed.
+/// Not copyable; one per thread at a time (an inner one takes over until it ends).
+class ErrorCapture {
+public:
+    ErrorCapture() : outer(current()) { current() = &captured; }
+    ~ErrorCapture() { current() = outer; }
+    ErrorCapture(const ErrorCapture&) = delete;
+    ErrorCapture& operator=(const ErrorCapture&) = delete;
+
+    const std::vector<std::string>& lines() const { return captured; }
+
+    /// Keeps `text` in the thread's capture, if any.
+    static void note(const std::string& text)
+    {
+        if (current())
+            current()->push_back(text);
+    }
+
+    static bool active() { return current() != nullptr; }
+
+private:
+    static std::vector<std::string>*& current()
+    {
+        static thread_local std::vector<std::string>* sink = nullptr;
+        return sink;
+    }
+
+    std::vector<std::string> captured;
+    std::vector<std::string>* outer;
+};
+
 } // namespace vlm::pclog
 
 // Source names the log lines carry, so a reader can tell the unit at a glance.
@@ -58,5 +92,10 @@ inline std::string format(const char* fmt, ...)
 
 #define PCP_LOG_ERROR(...) VLM_LOG_AT(error, VLM_SOURCE_PLUGIN, __VA_ARGS__)
 #define PCP_LOG_INFO(...) VLM_LOG_AT(information, VLM_SOURCE_PLUGIN, __VA_ARGS__)
-#define PCC_LOG_ERROR(...) VLM_LOG_AT(error, VLM_SOURCE_COMMON, __VA_ARGS__)
+#define PCC_LOG_ERROR(...)                                                                       \
+    do {                                                                                          \
+        VLM_LOG_AT(error, VLM_SOURCE_COMMON, __VA_ARGS__);                                        \
+        if (::vlm::pclog::ErrorCapture::active())                                                 \
+            ::vlm::pclog::ErrorCapture::note(::vlm::pclog::format(__VA_ARGS__));                  \
+    } while (0)
 #define PCC_LOG_INFO(...) VLM_LOG_AT(information, VLM_SOURCE_COMMON, __VA_ARGS__)
