@@ -289,21 +289,6 @@ TEST_F(StartedPlugin, APilotConnectWithoutPilotIdAsksTheServiceForIt)
     }
 }
 
-TEST_F(StartedPlugin, EventsFromTheServiceReachTheDispatch)
-{
-    start();
-    // Subscriptions travel on a connection of their own, apart from the calls
-    // start() waited for.
-    ASSERT_TRUE(service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::seconds(5)));
-    service.service.publish("pilotConnectState", "true");
-    service.service.publish("pushTelemetry", R"({"alt":12.5})");
-    ASSERT_TRUE(mqtt->waitFor([](const auto& p) { return p.payload.find("12.5") != std::string::npos; }));
-    EXPECT_TRUE(state().pilotConnected);
-    const auto telemetry = mqtt->publications().back();
-    EXPECT_EQ(telemetry.qos, 0);
-    EXPECT_EQ(parseObject(telemetry.payload)->getValue<std::string>("api"), "pushTelemetry");
-}
-
 // --- Messages of other plug-ins ---------------------------------------------
 
 class BusIntake : public StartedPlugin {
