@@ -157,25 +157,6 @@ TEST(ApiCatalogue, LookupsAreExactAndCaseSensitive)
     EXPECT_FALSE(vlm::apiNumber("PushRoute").has_value());
     EXPECT_FALSE(vlm::apiNumber("pushRoute ").has_value());
     EXPECT_FALSE(vlm::apiNumber("").has_value());
-    EXPECT_EQ(vlm::apiCategory(*vlm::apiNumber("pushTelemetry")), "telementry");
-    EXPECT_EQ(vlm::apiCategory(*vlm::apiNumber("getHLT")), "multiRotor");
-    EXPECT_EQ(vlm::apiCategory(*vlm::apiNumber("setTxWifiCmd")), "project");
-    EXPECT_EQ(vlm::apiCategory(*vlm::apiNumber("sendSurfaceTest")), "flightControl");
-    EXPECT_FALSE(vlm::apiCategory(*vlm::apiNumber("hangerImageTransSwitch")).has_value());
-}
-
-TEST(ApiCatalogue, StreamingAndStationSideSets)
-{
-    std::set<std::string> streaming;
-    for (const auto& entry : vlm::apiCatalogue())
-        if (vlm::isStreamingApi(entry.second))
-            streaming.insert(entry.first);
-    EXPECT_EQ(streaming, (std::set<std::string>{"pushTelemetry", "updateProgress", "softUpdateStatus",
-                                                "getUpdateProgress", "updateMagneticCompassCali"}));
-    EXPECT_FALSE(vlm::worksWithoutVehicle(8));
-    EXPECT_TRUE(vlm::worksWithoutVehicle(9));
-    EXPECT_TRUE(vlm::worksWithoutVehicle(24));
-    EXPECT_FALSE(vlm::worksWithoutVehicle(27));
 }
 
 TEST(ServiceFunctionTable, SixFixedNamesAndACheckedLookup)

@@ -1,3 +1,6 @@
+#include <future>
+#include <map>
+
 #include "PluginFixture.h"
 #include "ThreadPool.h"
 #include "support/LogCapture.h"
@@ -105,20 +108,38 @@ TEST_F(EventDispatch, GeneralEventsAreWrappedInOrderWithARisingMessageId)
     dispatch("getVersionInfo", R"({"version":"1.2"})");
     dispatch("getVersionInfo", R"({"version":"1.3"})");
     ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero), 2));
-    auto pubs = mqtt->publications();
-    for (const auto& p : pubs) {
+    // Pool tasks may publish in either order; the msgId says which event came first.
+    std::map<std::string, long> idOf;
+    for (const auto& p : mqtt->publications()) {
         EXPECT_EQ(p.qos, 2);
         // Keys in the order clients have always read them.
         EXPECT_EQ(p.payload.find(R"({"api":"getVersionInfo","type":"response","target":"/","from":"station-1",)"
                                  R"("pilot_id":"UAV-1","message":{)"),
                   0u)
             << p.payload;
+        auto envelope = parseObject(p.payload);
+        EXPECT_EQ(envelope->getObject("message")->getValue<std::string>("id"), "UAV-1");
+        idOf[envelope->getObject("message")->getValue<std::string>("version")] =
+            std::stol(envelope->getValue<std::string>("msgId"));
     }
-    long first = std::stol(parseObject(pubs[0].payload)->getValue<std::string>("msgId"));
-    long second = std::stol(parseObject(pubs[1].payload)->getValue<std::string>("msgId"));
-    EXPECT_EQ(std::abs(second - first), 1);
-    auto message = parseObject(pubs[0].payload)->getObject("message");
-    EXPECT_EQ(message->getValue<std::string>("id"), "UAV-1");
+    ASSERT_EQ(idOf.size(), 2u);
+    EXPECT_EQ(idOf["1.3"], idOf["1.2"] + 1);
+}
+
+// The counter is process-wide, so only a fresh process shows its first value.
+TEST_F(EventDispatch, TheFirstEnvelopeOfAProcessCarriesMessageIdZero)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            dispatch("heartBeat", "{}");
+            const bool published = mqtt->waitFor(onTopic(groundTopicZero));
+            vlm::ThreadPool::defaultPool().joinAll();
+            const bool zero =
+                published && parseObject(mqtt->publications().front().payload)->getValue<std::string>("msgId") == "0";
+            std::_Exit(zero ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(EventDispatch, AppTypeChoosesTheGroundTopicGuid)
@@ -133,8 +154,10 @@ TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
     state().localMqtt = true;
     state().linkType = 1;
     dispatch("heartBeat", "{}");
-    // The link type is read when the hand-off runs, so let it run first.
+    // The link type is read when the hand-off runs, on the pool or, when the
+    // pool is full, on the outbound worker: let both run first.
     vlm::ThreadPool::defaultPool().joinAll();
+    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));
     EXPECT_TRUE(mqtt->publications().empty());
     state().linkType = 2;
     dispatch("getVersionInfo", "{}");
@@ -144,32 +167,95 @@ TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
     EXPECT_EQ(parseObject(pubs[0].payload)->getValue<std::string>("api"), "getVersionInfo");
 }
 
+// The service's I/O thread must not wait for the broker: with every pool
+// thread busy the envelope still leaves, through the outbound worker.
+TEST_F(EventDispatch, WithThePoolFullEnvelopesStillLeave)
+{
+    auto& pool = vlm::ThreadPool::defaultPool();
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    for (int i = 0; i < 64 && pool.hasFreeThread(); ++i)
+        pool.start([released] { released.wait_for(std::chrono::seconds(30)); });
+    ASSERT_FALSE(pool.hasFreeThread());
+    dispatch("getVersionInfo", R"({"v":1})");
+    const bool published = mqtt->waitFor(onTopic(groundTopicZero));
+    release.set_value();
+    ASSERT_TRUE(published);
+    EXPECT_EQ(parseObject(mqtt->publications().front().payload)->getObject("message")->getValue<int>("v"), 1);
+}
+
 TEST_F(EventDispatch, FireSearchInfoIsARequestToTheEdgeMaster)
 {
     LogCapture log;
-    dispatch("fireSearchInfo", R"({"area":3})");
     const std::string edge = "/velmora/sma/FBE242B9-B226-4401-A340-36ABD4D753AD/edgeMaster/cmd";
-    ASSERT_TRUE(mqtt->waitFor(onTopic(edge)));
-    const auto p = mqtt->publications().front();
-    EXPECT_EQ(p.qos, 2);
-    EXPECT_EQ(parseObject(p.payload)->getValue<std::string>("type"), "request");
-    EXPECT_EQ(mqtt->publications().size(), 1u);
+    dispatch("fireSearchInfo", R"({"area":3})");
+    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));  // published and returned
+    mqtt->publishSucceeds = false;
+    dispatch("fireSearchInfo", R"({"area":4})");
+    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));  // the log line follows the publish
+    const auto pubs = mqtt->publications();
+    ASSERT_EQ(pubs.size(), 2u);
+    for (size_t i = 0; i < pubs.size(); ++i) {
+        EXPECT_EQ(pubs[i].qos, 2);
+        EXPECT_EQ(pubs[i].retained, 0);
+        EXPECT_EQ(pubs[i].waitSeconds, 1);
+        EXPECT_EQ(parseObject(pubs[i].payload)->getValue<std::string>("type"), "request");
+        // The line reports what the broker client answered.
+        const std::string ret = i == 0 ? "1" : "0";
+        EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + pubs[i].payload + ", ret: " + ret), 1) << pubs[i].payload;
+    }
 }
 
 TEST_F(EventDispatch, CachesTheLastAnswerPerApi)
 {
-    {
+    using Impl = vlm::PilotControlPImpl;
+    struct Case {
+        const char* topic;
+        std::string Impl::*slot;
+    };
+    const Case cases[] = {{"pushTelemetry", &Impl::lastTelemetry},
+                          {"pushRoute", &Impl::lastRoute},
+                          {"syncRoute", &Impl::lastRoute},
+                          {"deleteWayPointList", &Impl::lastRoute},
+                          {"updateProgress", &Impl::lastProgress},
+                          {"getRunInfo", &Impl::lastRunInfo},
+                          {"getBinInfo", &Impl::lastBinInfo},
+                          {"softUpload", &Impl::lastSoftUpload},
+                          {"softUpdateStatus", &Impl::lastSoftUpdateStatus},
+                          {"getUpdateProgress", &Impl::lastUpdateProgress},
+                          {"updateMagneticCompassCali", &Impl::lastMagCompassCali}};
+    std::string Impl::*const slots[] = {&Impl::lastTelemetry, &Impl::lastRoute, &Impl::lastProgress,
+                                        &Impl::lastRunInfo, &Impl::lastBinInfo, &Impl::lastSoftUpload,
+                                        &Impl::lastSoftUpdateStatus, &Impl::lastUpdateProgress,
+                                        &Impl::lastMagCompassCali};
+    auto snapshot = [&] {
         std::lock_guard<std::mutex> lock(state().cacheMutex);
-        state().lastProgress = "old progress";
+        std::vector<std::string> values;
+        for (auto slot : slots)
+            values.push_back(state().*slot);
+        return values;
+    };
+    LogCapture log;
+    for (const auto& c : cases) {
+        {
+            std::lock_guard<std::mutex> lock(state().cacheMutex);
+            for (auto slot : slots)
+                state().*slot = "old";
+        }
+        const std::string text = std::string(R"({"from":")") + c.topic + R"("})";
+        dispatch(c.topic, text);
+        const bool route = c.slot == &Impl::lastRoute;
+        std::vector<std::string> expected;
+        for (auto slot : slots)
+            expected.push_back(slot == c.slot ? text : route && slot == &Impl::lastProgress ? "" : "old");
+        EXPECT_EQ(snapshot(), expected) << c.topic;
     }
-    dispatch("syncRoute", R"({"route":"done"})");
-    dispatch("getRunInfo", R"({"run":1})");
-    dispatch("pushTelemetry", R"({"alt":10})");
-    std::lock_guard<std::mutex> lock(state().cacheMutex);
-    EXPECT_EQ(state().lastRoute, R"({"route":"done"})");
-    EXPECT_EQ(state().lastProgress, "");
-    EXPECT_EQ(state().lastRunInfo, R"({"run":1})");
-    EXPECT_EQ(state().lastTelemetry, R"({"alt":10})");
+    EXPECT_EQ(log.infos(R"(software res: {"from":"softUpload"})"), 1);
+    // Other topics cache nothing.
+    const auto before = snapshot();
+    dispatch("getVersionInfo", R"({"v":1})");
+    dispatch("heartBeat", "{}");
+    EXPECT_EQ(snapshot(), before);
 }
 
 TEST_F(EventDispatch, MalformedEventsAreLoggedAndDropped)

@@ -101,11 +101,11 @@ TEST_F(HttpFront, AServiceThatIsDownGivesAnErrorAnswerNotAHang)
     EXPECT_FALSE(inner->getValue<std::string>("msg").empty());
 }
 
-TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
+// Answers that never come are bounded by the plug-in's stop: the caller is
+// released with an error instead of waiting ten minutes.
+TEST_F(HttpFront, AStopReleasesACallerStillWaitingForItsAnswer)
 {
     service.service.withhold_answers("telementry");
-    // Answers that never come are bounded by the plug-in's stop: the caller is
-    // released with an error instead of waiting ten minutes.
     // A withheld call never reaches the recording handler: watch for its frame.
     std::thread stopper([this] {
         const uint32_t forwarded = pilot_rpc::function_id("telementry");
@@ -124,6 +124,93 @@ TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
     auto inner = answer.json()->getObject("message");
     ASSERT_TRUE(inner) << answer.body;
     EXPECT_EQ(inner->getValue<int>("code"), 4002);
+}
+
+TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
+{
+    service.respondWith([](const std::string&, const std::vector<std::string>&) -> std::string {
+        throw std::runtime_error("config store locked");
+    });
+    LogCapture log;
+    const auto answer = call("getConfig", R"({"type":"request","from":"app","msgId":"41"})");
+    ASSERT_TRUE(answer.json()) << answer.body;
+    EXPECT_EQ(answer.json()->getValue<std::string>("msgId"), "41");
+    auto inner = answer.json()->getObject("message");
+    ASSERT_TRUE(inner) << answer.body;
+    EXPECT_EQ(inner->getValue<int>("code"), 4002);
+    EXPECT_EQ(inner->getValue<std::string>("msg"), "config store locked");
+    EXPECT_EQ(log.errors(" response http msg: config store locked, error code: 4002"), 1);
+}
+
+// Answers the service pushed earlier are given once, without a call; the next
+// request for them goes to the service.
+TEST_F(HttpFront, CachedResultsAreGivenOnceThenAskedFor)
+{
+    vehicleConnected(true);
+    using Impl = vlm::PilotControlPImpl;
+    const std::pair<const char*, std::string Impl::*> cases[] = {{"getRunInfoResult", &Impl::lastRunInfo},
+                                                                 {"getBinInfoResult", &Impl::lastBinInfo},
+                                                                 {"getSoftUploadResult", &Impl::lastSoftUpload}};
+    for (const auto& [api, slot] : cases) {
+        const std::string cached = std::string(R"({"cached":")") + api + R"("})";
+        {
+            std::lock_guard<std::mutex> lock(state().cacheMutex);
+            state().*slot = cached;
+        }
+        const size_t before = service.callsOf("firmwareUpdate").size();
+        EXPECT_EQ(call(api).body, cached);
+        EXPECT_EQ(service.callsOf("firmwareUpdate").size(), before) << api;
+        EXPECT_EQ(call(api).json()->getValue<std::string>("api"), api);
+        const auto forwarded = service.callsOf("firmwareUpdate");
+        ASSERT_EQ(forwarded.size(), before + 1) << api;
+        EXPECT_EQ(forwarded.back().args[1], api);
+    }
+}
+
+// A new route operation makes any earlier result and progress meaningless.
+TEST_F(HttpFront, ARouteOperationClearsTheRouteResultAndProgress)
+{
+    vehicleConnected(true);
+    for (const char* api : {"pushRoute", "syncRoute", "deleteWayPointList"}) {
+        {
+            std::lock_guard<std::mutex> lock(state().cacheMutex);
+            state().lastRoute = "old route";
+            state().lastProgress = "old progress";
+        }
+        EXPECT_EQ(call(api).json()->getValue<std::string>("api"), api);
+        std::lock_guard<std::mutex> lock(state().cacheMutex);
+        EXPECT_EQ(state().lastRoute, "") << api;
+        EXPECT_EQ(state().lastProgress, "") << api;
+    }
+    EXPECT_EQ(service.callsOf("flightControl").size(), 3u);
+}
+
+// Callers have always been paced by a pause after each forwarded answer.
+TEST_F(HttpFront, AForwardedAnswerIsHeldForFiftyMilliseconds)
+{
+    const auto started = std::chrono::steady_clock::now();
+    const auto answer = call("getConfig");
+    const auto took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_GE(took, std::chrono::milliseconds(50));
+}
+
+// With the six-axis seat the station serves no HTTP API at all.
+class HttpFrontWithSeat : public HttpFront {
+protected:
+    void SetUp() override
+    {
+        service.boolSettings["vehicle.six_axis_ar_seat"] = true;
+        HttpFront::SetUp();
+    }
+};
+
+TEST_F(HttpFrontWithSeat, RegistersNoEndpoint)
+{
+    for (const auto& path : server->routePaths())
+        EXPECT_NE(path.rfind("/index/api/pilot/", 0), 0u) << path;
+    EXPECT_EQ(call("getConfig").status, 404);
+    EXPECT_TRUE(service.callsOf("telementry").empty());
 }
 
 } // namespace

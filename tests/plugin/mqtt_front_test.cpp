@@ -2,9 +2,11 @@
 
 #include "FrontsFixture.h"
 #include "PluginFixture.h"
+#include "support/LogCapture.h"
 
 namespace {
 
+using vlm::test::LogCapture;
 using vlm::test::parseObject;
 
 const std::string stationTopic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
@@ -17,6 +19,9 @@ class MqttFront : public vlm::test::FrontsFixture {
 protected:
     void SetUp() override
     {
+        // Set before start: the delivery thread reads it. The recorder is
+        // shared so that it outlives a late delivery.
+        plugin->setCallback([bus = bus](std::string text) { bus->callback()(std::move(text)); });
         FrontsFixture::SetUp();
         vlm::MqttClientOptions options;
         options.serverUri = broker.hostPort();
@@ -66,6 +71,7 @@ protected:
         return found;
     }
 
+    std::shared_ptr<vlm::test::BusRecorder> bus = std::make_shared<vlm::test::BusRecorder>();
     std::unique_ptr<vlm::PahoMqttClient> app;
     std::mutex mutex;  // guards received
     std::condition_variable arrived;
@@ -110,10 +116,12 @@ TEST_F(MqttFront, RefusalsArePublishedAsErrorEnvelopes)
 TEST_F(MqttFront, CloudCommandsGoToTheServiceByFactoryAnd135)
 {
     vehicleConnected(true);
-    command(stationTopic, R"({"api":"pushRoute","factory":true,"type":"request","msgId":"c1"})");
+    // "factory" wins over the API's own routing, even that of 135.
+    command(stationTopic, R"({"api":"hangerImageTransSwitch","factory":true,"type":"request","msgId":"c1"})");
     command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
     command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
     ASSERT_TRUE(answerTo(stationTopic, "c3"));
+    ASSERT_TRUE(service.waitForCalls("djiControl", 1));
     ASSERT_TRUE(service.waitForCalls("pilotControlBase", 3));  // setSelfGuid at start, then two
 
     auto dji = service.callsOf("djiControl");
@@ -128,16 +136,60 @@ TEST_F(MqttFront, CloudCommandsGoToTheServiceByFactoryAnd135)
     EXPECT_TRUE(service.callsOf("flightControl").empty());
 }
 
-TEST_F(MqttFront, EarlyExitsForwardNothing)
+// Each early exit ends the message where it is: a marker command sent after it
+// is answered, and the early one was neither forwarded nor answered.
+TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
 {
     vehicleConnected(true);
-    command(pilotTopic, R"({"api":"setCommLink","msgId":"e1"})");
+    int markers = 0;
+    auto marker = [&] {
+        const std::string msgId = "m" + std::to_string(++markers);
+        command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":")" + msgId + R"("})");
+        return answerTo(pilotTopic, msgId) != nullptr;
+    };
+    // The command itself comes back from the broker; an answer would be a second.
+    auto seen = [&](const std::string& msgId) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return std::count_if(received.begin(), received.end(), [&](const auto& entry) {
+            return entry.second.find(R"("msgId":")" + msgId + "\"") != std::string::npos;
+        });
+    };
+    LogCapture log;
+    command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
+    ASSERT_TRUE(marker());
+    EXPECT_EQ(seen("e1"), 1);
+
     command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
-    command(pilotTopic, R"({"type":"request"})");
-    command(pilotTopic, "not json at all");
-    command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":"e3"})");
-    ASSERT_TRUE(answerTo(pilotTopic, "e3"));
-    EXPECT_EQ(service.callsOf("telementry").size(), 1u);
+    ASSERT_TRUE(marker());
+    EXPECT_EQ(seen("e2"), 1);
+
+    command(pilotTopic, R"({"type":"request","msgId":"e3"})");
+    ASSERT_TRUE(marker());
+    EXPECT_EQ(seen("e3"), 1);
+    EXPECT_EQ(log.errors("param api is empty"), 1);
+
+    // Telemetry from the ground is a record for the record plug-in, with the
+    // topic it came on; handed over on the delivery thread, before the marker.
+    command(pilotTopic, R"({"api":"pushTelemetry","type":"request","alt":5,"msgId":"e4"})");
+    ASSERT_TRUE(marker());
+    EXPECT_EQ(seen("e4"), 1);
+    int records = 0;
+    for (const auto& text : bus->all()) {
+        auto record = parseObject(text);
+        auto data = record->getObject("data");
+        if (!data || !data->getObject("record") || !data->getObject("record")->has("alt"))
+            continue;  // the records of published answers
+        ++records;
+        EXPECT_EQ(record->getValue<std::string>("api"), "mrpAddRPRecord");
+        EXPECT_EQ(data->getValue<std::string>("topic"), pilotTopic);
+        EXPECT_EQ(data->getObject("record")->getValue<int>("alt"), 5);
+    }
+    EXPECT_EQ(records, 1);
+
+    const auto forwarded = service.callsOf("telementry");
+    EXPECT_EQ(forwarded.size(), 4u);
+    for (const auto& call : forwarded)
+        EXPECT_EQ(call.args[1], "getConfig");
 }
 
 } // namespace

@@ -114,8 +114,14 @@ TEST_F(Publishing, AMalformedPayloadIsLoggedAndStillPublished)
 {
     LogCapture log;
     publish("not json", "getVersionInfo");
-    EXPECT_EQ(mqtt->publications().size(), 1u);
-    EXPECT_FALSE(log.lines().empty());
+    ASSERT_EQ(mqtt->publications().size(), 1u);
+    EXPECT_EQ(mqtt->publications()[0].payload, "not json");
+    // Once when its status is read, once when it would be handed on as a
+    // record, which it then is not.
+    const std::string error = "JSON Exception: expected 'u' instead of byte 'o'";
+    EXPECT_EQ(log.errors(error), 2);
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_TRUE(bus.all().empty());
 }
 
 class Records : public vlm::test::PluginFixture {

@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <map>
 #include <regex>
 #include <set>
 #include <thread>
@@ -57,6 +59,13 @@ protected:
     ScriptedService service;
 };
 
+const std::vector<std::string> registeredTopics{
+    "heartBeat", "pushTelemetry", "updateProgress", "getVersionInfo", "getRunInfo", "getBinInfo", "softUpload",
+    "softUpdateStatus", "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
+    "pilotConnectState", "syncRoute", "pushRoute", "deleteWayPointList", "setTelemFrequency", "uploadGuid",
+    "saveRouteMission", "requestBomb", "requestManCtrl", "uavData2MaterCtl", "fireSearchInfo", "pushUavSn",
+    "fixedPointFollow", "responseToCloud", "toMicroService"};
+
 TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
 {
     start();
@@ -71,16 +80,27 @@ TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
     EXPECT_EQ(state().getPilotId(), "UAV-1");
     EXPECT_TRUE(state().localMqtt);
 
-    // 28 topics, in the order registered.
+    // As the service receives them: the registration order, then the link's own.
     ASSERT_TRUE(waitForSubscriptions(28));
-    const auto topics = subscribedTopics();
-    ASSERT_EQ(topics.size(), 28u);
-    std::set<std::string> distinct(topics.begin(), topics.end());
-    EXPECT_EQ(distinct.size(), 28u);
-    for (const char* t : {"heartBeat", "pushTelemetry", "fixedPointFollow", "responseToCloud", "toMicroService",
-                          "vehicleOnlineStatus", "pilotConnectState", "uavData2MaterCtl"})
-        EXPECT_EQ(distinct.count(t), 1u) << t;
-    EXPECT_EQ(topics.back(), "vehicleOnlineStatus");
+    auto expected = registeredTopics;
+    expected.push_back("vehicleOnlineStatus");
+    EXPECT_EQ(subscribedTopics(), expected);
+
+    // A restarted service gets them all again, replayed in topic order.
+    const auto before = service.service.connections();
+    service.service.stop_listening();
+    service.service.close_all_connections();
+    service.service.resume_listening();
+    std::sort(expected.begin(), expected.end());
+    std::vector<std::string> replayed;
+    for (int i = 0; i < 200 && replayed.size() < expected.size(); ++i) {
+        service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::milliseconds(50));
+        for (auto id : service.service.connections())
+            if (std::find(before.begin(), before.end(), id) == before.end() &&
+                !service.service.subscriptions(id).empty())
+                replayed = service.service.subscriptions(id);
+    }
+    EXPECT_EQ(replayed, expected);
 
     // The MQTT command topics, for app type 0.
     EXPECT_EQ(mqtt->subscribedTopics(),
@@ -112,43 +132,161 @@ TEST_F(StartedPlugin, ASlowSettingsAnswerStopsStartBeforeAnySubscription)
     EXPECT_TRUE(service.callsOf("reportRPCSub").empty());
 }
 
-TEST_F(StartedPlugin, SixAxisSeatAndAppTypeChooseTheTelemetryTopicOnly)
+TEST_F(StartedPlugin, SeatAndAppTypeChooseTheCommandTopics)
 {
-    service.boolSettings["vehicle.six_axis_ar_seat"] = true;
-    service.intSettings["station.app_type"] = 1;
-    start();
-    EXPECT_EQ(mqtt->subscribedTopics(), std::vector<std::string>{"/station-1/pushTelemetry"});
-    EXPECT_FALSE(state().localMqtt);
+    const std::string other = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
+    const std::string second = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
+    const std::string payload = "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
+    struct Case {
+        bool seat;
+        int appType;
+        std::vector<std::string> topics;
+    };
+    const Case cases[] = {{true, 1, {"/station-1/pushTelemetry"}},
+                          {false, 1, {other}},
+                          {true, 0, {"/station-1/pushTelemetry", second, payload}}};
+    for (const auto& c : cases) {
+        service.boolSettings["vehicle.six_axis_ar_seat"] = c.seat;
+        service.intSettings["station.app_type"] = c.appType;
+        plugin->stop();
+        plugin = vlm::PilotControlP::createInstance();
+        mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
+        start();
+        EXPECT_EQ(mqtt->subscribedTopics(), c.topics) << c.seat << " " << c.appType;
+        EXPECT_EQ(state().localMqtt, c.appType == 0);
+    }
 }
 
-TEST_F(StartedPlugin, StopTwiceIsHarmlessAndTheDestructorUnsubscribesTheCommandTopic)
+// The station's and the pilot's command topics coincide when the ids do; both
+// subscriptions stay, each with its own side's routing.
+TEST_F(StartedPlugin, AStationIdEqualToThePilotIdSubscribesOneTopicTwice)
+{
+    service.stringSettings["vehicle.pilot_id"] = "station-1";
+    start();
+    const std::string topic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
+    EXPECT_EQ(mqtt->subscribedTopics(),
+              (std::vector<std::string>{topic, topic,
+                                        "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"}));
+    mqtt->deliver(topic, R"({"api":"getConfig","type":"request","msgId":"twice"})");
+    ASSERT_TRUE(service.waitForCalls("telementry", 1));
+    ASSERT_TRUE(service.waitForCalls("pilotControlBase", 2));  // setSelfGuid, then the cloud side's
+    EXPECT_EQ(service.callsOf("pilotControlBase")[1].args[1], "publishToGround");
+    EXPECT_EQ(service.callsOf("telementry")[0].args[1], "getConfig");
+}
+
+TEST_F(StartedPlugin, TheDestructorUnsubscribesTheTopicOfItsSeatAndAppType)
+{
+    struct Case {
+        int seat;
+        int appType;
+        std::string topic;
+    };
+    const Case cases[] = {{0, 0, "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"},
+                          {0, 2, "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd"},
+                          {1, 0, "/station-1/pushTelemetry"},
+                          {1, 2, "/station-1/pushTelemetry"}};
+    for (const auto& c : cases) {
+        auto doomed = vlm::PilotControlP::createInstance();
+        auto recorder = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
+        Access::setMqtt(*doomed, recorder);
+        Access::impl(*doomed).setStationId("station-1");
+        Access::impl(*doomed).sixAxisArSeat = c.seat;
+        Access::impl(*doomed).appType = c.appType;
+        LogCapture log;
+        doomed.reset();
+        EXPECT_EQ(recorder->unsubscribedTopics(), std::vector<std::string>{c.topic});
+        EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + c.topic), 1);
+    }
+}
+
+TEST_F(StartedPlugin, StopTwiceIsHarmless)
 {
     start();
     plugin->stop();
     plugin->stop();
     EXPECT_EQ(state().callClient(), nullptr);
-    auto recorder = mqtt;
-    LogCapture log;
-    plugin.reset();
-    const std::string topic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
-    EXPECT_EQ(recorder->unsubscribedTopics(), std::vector<std::string>{topic});
-    EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + topic), 1);
-    plugin = vlm::PilotControlP::createInstance();  // for TearDown
+    EXPECT_EQ(state().subscriptionClient(), nullptr);
 }
 
-TEST_F(StartedPlugin, EventsFromTheServiceReachTheDispatch)
+// Every line names the host's logger and the plug-in as its source.
+void expectPluginSource(const LogCapture& log)
+{
+    for (const auto& line : log.lines()) {
+        EXPECT_EQ(line.logger, vlm::logName()) << line.text;
+        EXPECT_EQ(line.source, "src/plugin/PilotControlP") << line.text;
+    }
+}
+
+TEST_F(StartedPlugin, AServiceThatIsNotThereIsReportedAndStartGoesOn)
+{
+    const unsigned short port = service.port;
+    service.service.stop();
+    {
+        LogCapture log;
+        start();
+        const std::string where = "address: 127.0.0.1, port: " + std::to_string(port);
+        EXPECT_EQ(log.errors("pilot rpc connect to pilot control micro service failed, " + where), 1);
+        EXPECT_EQ(log.errors("pilot subscribe rpc connect to pilot control micro service failed, " + where), 1);
+        EXPECT_EQ(log.errors("rpc subscribe failed: timeout or deferred"), 1);
+        EXPECT_EQ(log.lines().size(), 3u);
+        expectPluginSource(log);
+    }
+    plugin->stop();
+    LogCapture log;
+    plugin->start(nullptr, mqtt, "not-an-address", port);
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].text.rfind("connect to pilot control micro service failed, address: not-an-address, port: " +
+                                      std::to_string(port) + ", reason: ",
+                                  0),
+              0u)
+        << lines[0].text;
+    EXPECT_EQ(lines[1].text.rfind("rpc subscribe failed: ", 0), 0u) << lines[1].text;
+    expectPluginSource(log);
+    EXPECT_TRUE(mqtt->subscribedTopics().empty());
+}
+
+// The broker keys are only read, but a host configuration without them is
+// broken, and start says so before subscribing to anything.
+TEST_F(StartedPlugin, AMissingBrokerKeyEndsStartBeforeAnySubscription)
+{
+    for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"}) {
+        plugin->stop();
+        plugin = vlm::PilotControlP::createInstance();
+        mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
+        vlm::configInstance().remove(key);
+        LogCapture log;
+        start();
+        vlm::configInstance().setString(key, "");
+        EXPECT_EQ(log.errors(std::string("rpc subscribe failed: Not found: ") + key), 1);
+        EXPECT_TRUE(mqtt->subscribedTopics().empty()) << key;
+        EXPECT_TRUE(service.callsOf("reportRPCSub").empty()) << key;
+    }
+}
+
+// Connected before the service told the pilot id: the first "pilotConnect"
+// event asks for it, and only that event while the id is missing.
+TEST_F(StartedPlugin, APilotConnectWithoutPilotIdAsksTheServiceForIt)
 {
     start();
-    // Subscriptions travel on a connection of their own, apart from the calls
-    // start() waited for.
-    ASSERT_TRUE(service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::seconds(5)));
-    service.service.publish("pilotConnectState", "true");
-    service.service.publish("pushTelemetry", R"({"alt":12.5})");
-    ASSERT_TRUE(mqtt->waitFor([](const auto& p) { return p.payload.find("12.5") != std::string::npos; }));
-    EXPECT_TRUE(state().pilotConnected);
-    const auto telemetry = mqtt->publications().back();
-    EXPECT_EQ(telemetry.qos, 0);
-    EXPECT_EQ(parseObject(telemetry.payload)->getValue<std::string>("api"), "pushTelemetry");
+    ASSERT_EQ(service.callsOf("getStringConfig").size(), 1u);
+    state().setPilotId("");
+    Access::dispatch(*plugin, "heartBeat", "{}");
+    EXPECT_EQ(service.callsOf("getStringConfig").size(), 1u);
+    Access::dispatch(*plugin, "pilotConnect", "{}");
+    EXPECT_EQ(state().getPilotId(), "UAV-1");
+    const auto asked = service.callsOf("getStringConfig");
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[1].args, std::vector<std::string>{"vehicle.pilot_id"});
+    Access::dispatch(*plugin, "pilotConnect", "{}");
+    EXPECT_EQ(service.callsOf("getStringConfig").size(), 2u);
+    auto onPilotConnect = [](const auto& p) { return p.payload.find(R"("api":"pilotConnect")") != std::string::npos; };
+    ASSERT_TRUE(mqtt->waitFor(onPilotConnect, 2));
+    for (const auto& p : mqtt->publications()) {
+        if (onPilotConnect(p)) {
+            EXPECT_EQ(parseObject(p.payload)->getValue<std::string>("pilot_id"), "UAV-1");
+        }
+    }
 }
 
 // --- Messages of other plug-ins ---------------------------------------------
@@ -180,22 +318,72 @@ TEST_F(BusIntake, RoutesByTheNarrowRangesWithTheirArguments)
     push(R"({"api":"getConfig","x":1})");
     ASSERT_TRUE(service.waitForCalls("telementry", 1));
     EXPECT_EQ(service.callsOf("telementry")[0].args, (std::vector<std::string>{R"({"api":"getConfig","x":1})", "getConfig"}));
-
-    push(R"({"api":"pushRoute"})");
-    ASSERT_TRUE(service.waitForCalls("flightControl", 1));
-    EXPECT_EQ(service.callsOf("flightControl")[0].args[1], "pushRoute");
-
     push(R"({"api":"getPhotoCount"})");
     ASSERT_TRUE(service.waitForCalls("microService", 1));
     EXPECT_EQ(service.callsOf("microService")[0].args, std::vector<std::string>{R"({"api":"getPhotoCount"})"});
 
-    // In the catalogue but outside the bus ranges, unknown, or empty: nothing.
-    for (const char* m : {R"({"api":"getVersionInfo"})", R"({"api":"hangerImageTransSwitch"})",
-                          R"({"api":"sendAbort"})", R"({"api":"noSuchApi"})", R"({"api":""})", R"({})"})
+    // Each bound with its catalogue neighbours on both sides (numbers in brackets).
+    const std::pair<const char*, const char*> cases[] = {
+        {"pushTelemetry", "telementry"},      // [2]
+        {"setGcsType", "telementry"},         // [3]
+        {"getUavId", "telementry"},           // [23]
+        {"payloadOnlineStatus", "telementry"},  // [24]
+        {"pushRoute", "flightControl"},       // [27]
+        {"syncRoute", "flightControl"},       // [28]
+        {"sendSurfacePreTest", "flightControl"},  // [99]
+        {"sendSurfaceTest", "flightControl"},     // [100]
+        {"getVersionInfo", nullptr},          // [103]
+        {"getHLT", nullptr},                  // [305]
+        {"getDatDirPath", "microService"},    // [308]
+        {"setJoystickConnectState", "microService"},  // [310]
+    };
+    std::map<std::string, std::set<std::string>> expected{{"telementry", {"getConfig"}},
+                                                          {"flightControl", {}},
+                                                          {"microService", {"getPhotoCount"}}};
+    for (const auto& [api, category] : cases) {
+        push(std::string(R"({"api":")") + api + R"("})");
+        if (category)
+            expected[category].insert(api);
+    }
+    push(R"({"api":"getConfig"})");  // a marker: everything before it was handled
+    ASSERT_TRUE(service.waitForCalls("telementry", expected["telementry"].size() + 1));
+    ASSERT_TRUE(service.waitForCalls("flightControl", expected["flightControl"].size()));
+    ASSERT_TRUE(service.waitForCalls("microService", expected["microService"].size()));
+    for (const auto& [category, apis] : expected) {
+        std::set<std::string> seen;
+        for (const auto& c : service.callsOf(category))
+            seen.insert(parseObject(c.args[0])->getValue<std::string>("api"));
+        EXPECT_EQ(seen, apis) << category;
+    }
+    EXPECT_EQ(forwardedCount(), 2 + std::size(cases) - 2 + 1);
+}
+
+TEST_F(BusIntake, AnEmptyOrUnknownApiSendsAndLogsNothing)
+{
+    LogCapture log;
+    for (const char* m : {R"({"api":"noSuchApi"})", R"({"api":""})", R"({})", R"({"interface":"noSuchApi"})"})
         push(m);
-    push(R"({"api":"getConfig"})");  // a marker that everything before it was handled
-    ASSERT_TRUE(service.waitForCalls("telementry", 2));
-    EXPECT_EQ(forwardedCount(), 4u);
+    EXPECT_TRUE(log.lines().empty());
+    push(R"({"api":"getConfig"})");
+    ASSERT_TRUE(service.waitForCalls("telementry", 1));
+    EXPECT_EQ(forwardedCount(), 1u);
+}
+
+// A "microService" call gives up after 5 s, the others wait two minutes: an
+// answer 5.6 s late still reaches the sender only for the latter.
+TEST_F(BusIntake, OnlyMicroServiceCallsGiveUpAfterFiveSeconds)
+{
+    service.respondWith([](const std::string& procedure, const std::vector<std::string>&) {
+        return R"({"guid":"{SENDER}","message":")" + procedure + R"("})";
+    });
+    service.service.delay_answers("microService", std::chrono::milliseconds(5600));
+    service.service.delay_answers("flightControl", std::chrono::milliseconds(5600));
+    push(R"({"api":"getPhotoCount"})");
+    push(R"({"api":"pushRoute"})");
+    ASSERT_TRUE(bus.waitForCount(1, std::chrono::seconds(20)));
+    EXPECT_FALSE(bus.waitForCount(2, std::chrono::seconds(1)));
+    EXPECT_EQ(bus.all(), std::vector<std::string>{R"({"guid":"{SENDER}","message":"flightControl"})"});
+    EXPECT_EQ(service.callsOf("microService").size(), 1u);
 }
 
 TEST_F(BusIntake, InterfaceWinsOverApi)

@@ -27,6 +27,7 @@ public:
         Poco::Message::Priority priority;
         std::string text;
         std::string source;
+        std::string logger;
     };
 
     LogCapture()
@@ -94,7 +95,8 @@ private:
             {
                 std::lock_guard<std::mutex> lock(mutex);
                 if (active) {
-                    lines.push_back({msg.getPriority(), msg.getText(), msg.getSourceFile() ? msg.getSourceFile() : ""});
+                    lines.push_back({msg.getPriority(), msg.getText(), msg.getSourceFile() ? msg.getSourceFile() : "",
+                                     msg.getSource()});
                     return;
                 }
             }
