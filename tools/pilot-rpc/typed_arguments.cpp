@@ -39,10 +39,12 @@ void pack_json(packer& out, const Poco::Dynamic::Var& value);
 
 void pack_json_object(packer& out, const Poco::JSON::Object& object)
 {
-    out.pack_map(static_cast<std::uint32_t>(object.size()));
-    for (auto it = object.begin(); it != object.end(); ++it) {
-        out.pack(it->first);
-        pack_json(out, it->second);
+    // getNames keeps the typed order; iterating the object would sort the keys.
+    const std::vector<std::string> names = object.getNames();
+    out.pack_map(static_cast<std::uint32_t>(names.size()));
+    for (const std::string& name : names) {
+        out.pack(name);
+        pack_json(out, object.get(name));
     }
 }
 
@@ -78,15 +80,20 @@ void pack_json(packer& out, const Poco::Dynamic::Var& value)
 
 void pack_json_text(packer& out, const std::string& text)
 {
-    Poco::Dynamic::Var parsed;
+    Poco::JSON::Array::Ptr wrapped;
     try {
-        // Keep the object's keys in the order they were typed.
+        // Keep the object's keys in the order they were typed. The parser
+        // takes only objects and arrays at the top, so a lone number, text,
+        // true, false or null is read as the one element of an array.
         Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(true));
-        parsed = parser.parse(text);
+        const Poco::Dynamic::Var parsed = parser.parse("[" + text + "\n]");
+        wrapped = parsed.extract<Poco::JSON::Array::Ptr>();
     } catch (const std::exception&) {
         throw std::invalid_argument("is not valid JSON");
     }
-    pack_json(out, parsed);
+    if (!wrapped || wrapped->size() != 1)
+        throw std::invalid_argument("is not valid JSON");
+    pack_json(out, wrapped->get(0));
 }
 
 }  // namespace
