@@ -95,6 +95,7 @@ std::uint16_t GatewayStack::startSim(std::uint16_t port)
                                   "--telemetry-hz", std::to_string(options.telemetryHz)};
     if (options.simControl)
         args.push_back("--control-stdin");
+    args.insert(args.end(), options.simArgs.begin(), options.simArgs.end());
     sim = std::make_unique<ChildProcess>(std::move(args), dir.file("sim.log"), options.simControl);
     const auto line = sim->waitForLine("pilot-sim listening on ", startBound, sim->outputSize());
     if (!line)

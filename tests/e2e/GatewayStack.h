@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Poco/JSON/Object.h>
 
@@ -39,6 +40,8 @@ public:
         double telemetryHz = 10;
         /// When set, the simulator takes control commands (`simCommand`).
         bool simControl = false;
+        /// More arguments for the simulator (e.g. "--replay", FILE).
+        std::vector<std::string> simArgs;
     };
 
     explicit GatewayStack(Options options);
