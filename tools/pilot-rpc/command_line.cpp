@@ -235,7 +235,7 @@ Examples (the demo's simulator listens on 127.0.0.1:7700):
   pilot-rpc call 127.0.0.1:7700 getStringConfig vehicle.pilot_id
   pilot-rpc call 127.0.0.1:7700 getIntConfig station.app_type
   pilot-rpc call 127.0.0.1:7700 reportRPCSub -b true
-  pilot-rpc call 127.0.0.1:7700 flightControl '{"api":"getRouteInfo","message":{}}' getRouteInfo
+  pilot-rpc call 127.0.0.1:7700 firmwareUpdate '{"api":"getVersionInfo","message":{}}' getVersionInfo
   pilot-rpc --json call [::1]:7700 getBoolConfig vehicle.six_axis_ar_seat
   pilot-rpc subscribe 127.0.0.1:7700 pushTelemetry heartBeat --count 10
   pilot-rpc record 127.0.0.1:7700 --out flight.jsonl --duration 60
