@@ -41,7 +41,7 @@ public:
         /// When set, the simulator takes control commands (`simCommand`).
         bool simControl = false;
         /// More arguments for the simulator (e.g. "--replay", FILE).
-        std::vector<std::string> simArgs;
+        std::vector<std::string> simArgs{};
     };
 
     explicit GatewayStack(Options options);
