@@ -12,6 +12,10 @@ namespace {
 /// Highest telemetry rate accepted; far above any real vehicle, enough for load tests.
 constexpr double max_telemetry_hz = 1e6;
 
+/// Playback speeds accepted: from a hundredth to a thousand times real time.
+constexpr double min_replay_speed = 0.01;
+constexpr double max_replay_speed = 1000.0;
+
 std::invalid_argument bad(const std::string& flag, const std::string& why)
 {
     return std::invalid_argument(flag + ": " + why + " (see --help)");
@@ -44,6 +48,17 @@ double rate(const std::string& flag, const std::string& text)
     return value;
 }
 
+double speed(const std::string& flag, const std::string& text)
+{
+    errno = 0;
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(value) || value < min_replay_speed ||
+        value > max_replay_speed)
+        throw bad(flag, "expects a factor from 0.01 to 1000, not \"" + text + "\"");
+    return value;
+}
+
 }  // namespace
 
 command_line parse_command_line(const std::vector<std::string>& args)
@@ -51,6 +66,8 @@ command_line parse_command_line(const std::vector<std::string>& args)
     command_line parsed;
     parsed.options.port = default_port;
     fault_plan& faults = parsed.options.faults;
+    bool telemetry_given = false;
+    bool speed_given = false;
 
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string flag = args[i];
@@ -87,9 +104,20 @@ command_line parse_command_line(const std::vector<std::string>& args)
             parsed.settings_path = take_value();
         } else if (flag == "--telemetry-hz") {
             parsed.options.telemetry_hz = rate(flag, take_value());
+            telemetry_given = true;
         } else if (flag == "--stamp-publish-time") {
             no_value();
             parsed.options.stamp_publish_time = true;
+        } else if (flag == "--replay") {
+            parsed.replay_path = take_value();
+            if (parsed.replay_path.empty())
+                throw bad(flag, "needs a file");
+        } else if (flag == "--speed") {
+            parsed.replay_speed = speed(flag, take_value());
+            speed_given = true;
+        } else if (flag == "--loop") {
+            no_value();
+            parsed.replay_loop = true;
         } else if (flag == "--control-stdin") {
             no_value();
             parsed.control_stdin = true;
@@ -125,6 +153,11 @@ command_line parse_command_line(const std::vector<std::string>& args)
             throw std::invalid_argument("unknown option \"" + args[i] + "\" (see --help)");
         }
     }
+    if (parsed.replay_path.empty() && (speed_given || parsed.replay_loop))
+        throw bad(speed_given ? "--speed" : "--loop", "needs --replay FILE");
+    // The recording carries the telemetry; the simulator's own would interleave with it.
+    if (!parsed.replay_path.empty() && !telemetry_given)
+        parsed.options.telemetry_hz = 0.0;
     return parsed;
 }
 
@@ -152,6 +185,17 @@ Options:
                              latency drivers (default off).
   --control-stdin            Read control commands from standard input, one a line
                              ("help" lists them): events on request, faults.
+
+Replay:
+  --replay FILE              Play back a flight recording (pilot-rpc record writes
+                             one): its events go to the subscribers with their
+                             recorded spacing, starting 200 ms after the first
+                             subscription, while calls are answered as usual. The
+                             simulator's own telemetry (unless --telemetry-hz is
+                             given) and heartbeats are off meanwhile. Bad lines are
+                             reported with their number and skipped.
+  --speed X                  Play back X times as fast (0.01 to 1000, default 1).
+  --loop                     Start again after the last event, without end.
 
 Faults:
   --delay PROCEDURE=MS       Answer calls of PROCEDURE only after MS milliseconds

@@ -16,6 +16,9 @@ struct command_line {
     simulator_options options;  ///< port defaults to `default_port`
     std::string settings_path;  ///< empty: the defaults
     bool control_stdin = false; ///< read control commands from standard input
+    std::string replay_path;    ///< empty: no playback
+    double replay_speed = 1.0;
+    bool replay_loop = false;
     bool help = false;
 };
 

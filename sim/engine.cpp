@@ -174,6 +174,7 @@ void simulator::engine::on_connection(pilot_rpc::connection_event event, std::ui
         auto& topics = topics_[connection];
         if (!topics.insert(topic).second)
             break;
+        arm_replay();
         // A client subscribes to its topics in one go: say so once, when the
         // burst is over, instead of once per topic.
         const std::string group = "subscriptions " + name;

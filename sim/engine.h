@@ -11,19 +11,22 @@
 //
 // Member definitions are split by concern: engine.cpp (life, procedures,
 // handshake, connection log), engine_events.cpp (clocks, event sequences,
-// vehicle link), engine_faults.cpp (misbehaviour).
+// vehicle link), engine_faults.cpp (misbehaviour), engine_replay.cpp (playing
+// a recording back).
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "rate_clock.h"
+#include "replay.h"
 #include "request_handler.h"
 #include "rpc/service/rpc_service.h"
 #include "simulator.h"
@@ -85,6 +88,7 @@ public:
     const std::string& station_id() const { return station_id_; }
     std::size_t handshakes() const { return handshakes_; }
     std::size_t forwarded_requests() const { return forwarded_requests_; }
+    std::size_t replayed_events() const { return replayed_; }
 
 private:
     // engine.cpp
@@ -105,6 +109,10 @@ private:
     void model_tick();
     void announce_vehicle();
     void after_handshake_faults();
+    // engine_replay.cpp
+    void arm_replay();
+    void replay_step();
+
     void burst_chunk(std::shared_ptr<const std::string> topic, std::shared_ptr<const std::string> data,
                      std::size_t left);
 
@@ -132,6 +140,8 @@ private:
     std::size_t handshakes_ = 0;
     std::size_t forwarded_requests_ = 0;  ///< calls of a forwarding procedure received
     std::map<std::uint64_t, std::set<std::string>> topics_;  ///< distinct subscriptions per open connection
+    std::optional<replay_cursor> replay_;  ///< set once the playback has been armed
+    std::size_t replayed_ = 0;              ///< recorded events published, all rounds
 };
 
 }  // namespace pilot_sim

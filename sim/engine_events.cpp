@@ -26,7 +26,9 @@ void simulator::engine::start_clocks()
     telemetry_ = rate_clock(telemetry_.rate(), now);
     if (telemetry_.rate() > 0.0)
         scheduler_.at(telemetry_.next_wakeup(now), [this] { telemetry_tick(); }, "telemetry");
-    scheduler_.after(options_.heartbeat_interval, [this] { heartbeat_tick(); }, "heartbeat");
+    // A replayed flight brings its own heartbeats; two streams of them would mix two vehicles.
+    if (!options_.replay)
+        scheduler_.after(options_.heartbeat_interval, [this] { heartbeat_tick(); }, "heartbeat");
     scheduler_.after(options_.model_step, [this] { model_tick(); }, "model");
 }
 

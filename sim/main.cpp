@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -15,6 +16,8 @@
 
 #include "command_line.h"
 #include "control_commands.h"
+#include "recording.h"
+#include "replay.h"
 #include "simulator.h"
 
 namespace {
@@ -58,6 +61,34 @@ void read_commands(pilot_sim::simulator& sim, const std::atomic<bool>& stop)
     }
 }
 
+/// Bad lines of a recording told one by one up to this many, then only counted.
+constexpr std::size_t bad_lines_told = 20;
+
+/// Reads the recording to play back. Throws std::runtime_error when the file
+/// cannot be played at all; bad lines are told on standard error and skipped.
+std::shared_ptr<const pilot_sim::replay_plan> load_replay(const pilot_sim::command_line& parsed)
+{
+    const std::string& path = parsed.replay_path;
+    const auto tell = [&path](std::size_t line, const std::string& why) {
+        static std::size_t told = 0;
+        if (++told <= bad_lines_told)
+            std::cerr << "pilot-sim: " << path << " line " << line << ": " << why << "; skipped\n";
+    };
+    velmora_recording::loaded_recording loaded = velmora_recording::load_recording(path, tell);
+    if (loaded.bad_lines > bad_lines_told)
+        std::cerr << "pilot-sim: " << path << ": " << loaded.bad_lines << " bad lines skipped in all\n";
+    auto plan = std::make_shared<pilot_sim::replay_plan>();
+    plan->events = std::move(loaded.events);
+    plan->speed = parsed.replay_speed;
+    plan->loop = parsed.replay_loop;
+    const double seconds = static_cast<double>(plan->events.back().t_ms - plan->events.front().t_ms) / 1000.0;
+    char summary[160];
+    std::snprintf(summary, sizeof summary, "%zu events over %.3f s at speed %g%s", plan->events.size(), seconds,
+                  plan->speed, plan->loop ? ", looping" : "");
+    std::cerr << "pilot-sim: replaying " << path << ": " << summary << '\n';
+    return plan;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -81,6 +112,8 @@ int main(int argc, char** argv)
         }
         if (!parsed.settings_path.empty())
             parsed.options.settings = pilot_sim::service_settings::load(parsed.settings_path);
+        if (!parsed.replay_path.empty())
+            parsed.options.replay = load_replay(parsed);
     } catch (const std::exception& e) {
         std::cerr << "pilot-sim: " << e.what() << '\n';
         return 2;

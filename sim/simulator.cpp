@@ -147,4 +147,9 @@ std::size_t simulator::forwarded_requests() const
     return engine_->on_io<std::size_t>([this] { return engine_->forwarded_requests(); });
 }
 
+std::size_t simulator::replayed_events() const
+{
+    return engine_->on_io<std::size_t>([this] { return engine_->replayed_events(); });
+}
+
 }  // namespace pilot_sim

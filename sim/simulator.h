@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "faults.h"
+#include "replay.h"
 #include "settings.h"
 #include "vehicle_model.h"
 
@@ -49,6 +50,10 @@ struct simulator_options {
     std::chrono::milliseconds model_step{100};
     waypoint home{48.1500, 11.5800, 0.0};
     fault_plan faults;
+    /// A flight recording to play back, starting shortly after the first
+    /// subscription arrives; while it is set, the simulator sends no
+    /// heartbeats of its own (the recording has them). Null: none.
+    std::shared_ptr<const replay_plan> replay;
     /// One line per notable event; empty: standard error. Called from the I/O
     /// thread and from `start`'s caller, so it must be thread-safe.
     std::function<void(const std::string&)> log;
@@ -117,6 +122,8 @@ public:
     /// Calls of the procedures that carry forwarded requests ("flightControl",
     /// "pilotControlBase", ...), counted on arrival whatever their answer.
     std::size_t forwarded_requests() const;
+    /// Events of the recording published so far (all rounds).
+    std::size_t replayed_events() const;
 
 private:
     class engine;

@@ -97,6 +97,14 @@ public:
     template <typename... Args>
     future_result<req_result> call_future(const std::string& rpc_name, Args&&... args);
 
+    /// As `call_future`, for arguments whose types are known only at run time
+    /// (a command-line client): `packed_args` is the request body, one
+    /// MessagePack array of the arguments, sent as it is.
+    future_result<req_result> call_future_packed(const std::string& rpc_name, msgpack::sbuffer packed_args)
+    {
+        return send_future_call(rpc_name, std::move(packed_args));
+    }
+
     /// While disconnected: calls `cb(not_connected, "not connected")` at once,
     /// on the caller's thread. Otherwise queues the request under an id with
     /// bit 63 set; `cb` later gets (no error, raw [code, value] body), or
