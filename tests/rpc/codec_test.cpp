@@ -45,16 +45,6 @@ TEST(FrameHeader, DecodeReadsBackEveryField)
     EXPECT_EQ(back.func_id, 0xCF15697Bu);
 }
 
-TEST(BodyLength, BoundariesOfTheClientRule)
-{
-    EXPECT_EQ(check_body_len(0), body_len_verdict::reject);
-    EXPECT_EQ(check_body_len(1), body_len_verdict::read_body);
-    EXPECT_EQ(check_body_len(10485759), body_len_verdict::read_body);
-    EXPECT_EQ(check_body_len(10485760), body_len_verdict::stall);
-    EXPECT_EQ(check_body_len(10485761), body_len_verdict::reject);
-    EXPECT_EQ(check_body_len(UINT32_MAX), body_len_verdict::reject);
-}
-
 TEST(FunctionId, MatchesTheKnownDigests)
 {
     EXPECT_EQ(function_id("heartBeat"), 0x136C4ED4u);
@@ -114,36 +104,6 @@ TEST(Publication, DecodesTheTripleAndRefusesOtherShapes)
     EXPECT_EQ(event.data, "{}");
     EXPECT_THROW(unpack_publication(bytes_of(pack_args(0, std::string("t")))), std::invalid_argument);
     EXPECT_THROW(unpack_publication(std::string("\xc1", 1)), std::invalid_argument);
-}
-
-TEST(ReqResult, SuccessYieldsTheValueInTheExpectedType)
-{
-    EXPECT_TRUE(req_result(bytes_of(pack_args(0, true))).value<bool>());
-    EXPECT_EQ(req_result(bytes_of(pack_args(0, 42))).value<int>(), 42);
-    EXPECT_EQ(req_result(bytes_of(pack_args(0, std::string("ok")))).value<std::string>(), "ok");
-    EXPECT_NO_THROW(req_result(bytes_of(pack_args(0, std::string("ok")))).check());
-}
-
-TEST(ReqResult, FailureCodeCarriesTheServiceMessage)
-{
-    const req_result result(bytes_of(pack_args(3, std::string("no vehicle"))));
-    try {
-        result.value<int>();
-        FAIL() << "no exception";
-    } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "no vehicle");
-    }
-    EXPECT_THROW(result.check(), std::logic_error);
-}
-
-TEST(ReqResult, EmptyBodyIsAFailureWithAnEmptyMessage)
-{
-    try {
-        req_result().check();
-        FAIL() << "no exception";
-    } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "");
-    }
 }
 
 TEST(ReqResult, UndecodableValueIsAnUnpackError)
