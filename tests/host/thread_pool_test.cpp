@@ -50,10 +50,4 @@ TEST(ThreadPool, ATaskThatThrowsDoesNotCostAThread)
     pool.joinAll();
 }
 
-TEST(ThreadPool, DefaultPoolIsOneSharedInstance)
-{
-    EXPECT_EQ(&vlm::ThreadPool::defaultPool(), &vlm::ThreadPool::defaultPool());
-    EXPECT_GT(vlm::ThreadPool::defaultPool().available(), 0);
-}
-
 } // namespace

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <asio/error.hpp>
 
 #include "rpc/codec.h"
@@ -136,47 +138,74 @@ TEST_F(ClientCall, CloseBreaksWaitingFuturesAndDropsCallbacks)
     EXPECT_EQ(callbacks.load(), 0);
 }
 
-TEST_F(ClientCall, ReadFailureFailsEveryPendingCallbackWithTheError)
+// A failed header read fails every pending callback with the error, then
+// close() clears both tables: a waiting synchronous call ends with a broken
+// promise, not with its time-out.
+TEST_F(ClientCall, HeaderReadFailureFailsEveryCallbackAndBreaksWaitingCalls)
 {
     slot<std::error_code> first;
     slot<std::error_code> second;
     client.call_with_callback<0>("never", [&](std::error_code ec, std::string_view) { first.promise.set_value(ec); });
     client.call_with_callback<0>("never", [&](std::error_code ec, std::string_view) { second.promise.set_value(ec); });
-    ASSERT_TRUE(wait_for_frame_count(2));
+    auto waiting = std::async(std::launch::async, [&] { return client.call<5000, int>("never"); });
+    ASSERT_TRUE(wait_for_frame_count(3));
     service.close_all_connections();
     ASSERT_TRUE(first.ready_within(3s));
     ASSERT_TRUE(second.ready_within(3s));
     EXPECT_EQ(first.future.get(), std::error_code(asio::error::eof));
     EXPECT_EQ(second.future.get(), std::error_code(asio::error::eof));
-    EXPECT_TRUE(wait_until([&] { return client.pending_callback_calls() == 0; }));
+    ASSERT_EQ(waiting.wait_for(3s), std::future_status::ready);
+    try {
+        waiting.get();
+        FAIL() << "no exception";
+    } catch (const std::future_error& e) {
+        EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+    }
+    EXPECT_EQ(client.pending_callback_calls(), 0u);
+    EXPECT_EQ(client.pending_future_calls(), 0u);
 }
 
-// A write that fails keeps its frame at the head of the outbox: later frames
-// wait behind it, on a new connection too, until a read failure closes the
-// link and empties the outbox.
-TEST_F(ClientCall, FailedWriteHoldsTheQueueUntilAReadFailureEmptiesIt)
+// A call made while the service is down waits its whole time; its write fails
+// and its frame then holds the outbox: when the link comes back nothing leaves
+// (not even the replayed subscription) until a read fails once and close()
+// empties the queue.
+TEST_F(ClientCall, SyncCallWhileTheServiceIsDownWaitsItsFullTimeAndHoldsTheQueueUntilAReadFails)
 {
-    rpc_client late;  // never connected: its first write fails at once
-    EXPECT_THROW((late.call<100, int>("echo", 1)), std::out_of_range);
-    EXPECT_TRUE(late.has_pending_future(1));
-    EXPECT_EQ(late.outbox_size(), 1u);
-
+    slot<std::error_code> write_failed;  // only a failed write reaches the callback while down
+    rpc_client late;
+    late.enable_auto_reconnect();
+    late.set_error_callback([&, once = std::make_shared<std::once_flag>()](std::error_code ec) {
+        std::call_once(*once, [&] { write_failed.promise.set_value(ec); });
+    });
+    service.stop_listening();
+    ASSERT_FALSE(late.connect("127.0.0.1", port, false, 1));
     service.clear_frames();
-    ASSERT_TRUE(late.connect("127.0.0.1", port, false, 3));
-    ASSERT_TRUE(service.wait_for_accepted(2, 3s));
-    auto queued = late.call_future("echo", 2);
-    EXPECT_EQ(late.outbox_size(), 2u);
-    EXPECT_FALSE(wait_for_frame_count(1, 300ms));
 
-    const auto connections = service.connections();
-    service.close_connection(connections.back());
-    ASSERT_EQ(queued.wait_for(3s), std::future_status::ready);
-    EXPECT_THROW(queued.get(), std::future_error);
-    EXPECT_TRUE(wait_until([&] { return late.outbox_size() == 0 && late.pending_future_calls() == 0; }));
+    const auto before = std::chrono::steady_clock::now();
+    try {
+        late.call<5000, int>("echo", 1);
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "timeout or deferred");
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 5000ms);
+    ASSERT_TRUE(write_failed.ready_within(0ms));
+    EXPECT_TRUE(late.has_pending_future(1));
+    late.subscribe("heartBeat", [](std::string_view) {});
 
-    ASSERT_TRUE(late.connect("127.0.0.1", port, false, 3));
+    service.resume_listening();
+    ASSERT_TRUE(wait_until([&] { return late.has_connected(); }, 5s));
+    const std::uint64_t held = service.connections().back();
+    EXPECT_FALSE(wait_for_frame_count(1, 500ms)) << "a frame left past the failed one";
+    EXPECT_EQ(late.outbox_size(), 3u);  // the call, the subscription, its replay
+
+    service.close_connection(held);
+    ASSERT_TRUE(service.wait_for_subscriber("heartBeat", 5s));
+    EXPECT_FALSE(late.has_pending_future(1));
     EXPECT_EQ((late.call<2000, int>("echo", 3)), 3);
-    EXPECT_EQ(frames_named("echo").size(), 1u);
+    const auto echoes = frames_named("echo");
+    ASSERT_EQ(echoes.size(), 1u);
+    EXPECT_NE(echoes[0].connection, held);
 }
 
 TEST_F(ClientCall, ErrorCallbackHearsALostLink)

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -86,13 +87,54 @@ TEST_F(ClientReceive, LargestAllowedBodyIsRead)
 
 TEST_F(ClientReceive, BodyOfExactlyTheLimitStopsReadingSilently)
 {
-    auto pending = client.call_future("never");
-    send_header(call_frame, 10485760, 999);
-    send_header(call_frame, 5, pending.id, service_reply::success(1).body());
-    EXPECT_NE(pending.wait_for(300ms), std::future_status::ready);
+    // The limit frame's body is itself a well-formed answer to the first call,
+    // and a second answer follows it: a client that read past the header
+    // would deliver one of them.
+    auto first = client.call_future("never");
+    auto second = client.call_future("never");
+    ASSERT_TRUE(wait_for_frame_count(2));
+    const std::string body = service_reply::success(std::string(10485760 - 7, 'x')).body();
+    ASSERT_EQ(body.size(), 10485760u);
+    send_header(call_frame, 10485760, first.id, body);
+    send_header(call_frame, 5, second.id, service_reply::success(1).body());
+
+    EXPECT_NE(first.wait_for(1s), std::future_status::ready);
+    EXPECT_NE(second.wait_for(0ms), std::future_status::ready);
+    EXPECT_EQ(client.last_response_id(), 0u);
+    EXPECT_EQ(client.pending_future_calls(), 2u);
     EXPECT_TRUE(client.has_connected());
     EXPECT_EQ(service.connections().size(), 1u);
     EXPECT_FALSE(first_error(0ms));
+}
+
+// A body that breaks off fails the one call it answers; the flag is cleared
+// before close(), so the other pending calls stay in their tables.
+TEST_F(ClientReceive, BodyReadErrorFailsOnlyItsCallAndKeepsTheTables)
+{
+    auto broken = client.call_future("never");
+    auto other = client.call_future("never");
+    std::atomic<int> callbacks{0};
+    client.call_with_callback<0>("never", [&](std::error_code, std::string_view) { ++callbacks; });
+    ASSERT_TRUE(wait_for_frame_count(3));
+    send_header(call_frame, 100, broken.id, std::string("\x92\x00", 2));  // 2 of 100 bytes
+    service.close_connection(connection);
+
+    const auto error = first_error(3s);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(*error, std::error_code(asio::error::eof));
+    ASSERT_EQ(broken.wait_for(3s), std::future_status::ready);
+    try {
+        broken.get().check();  // an empty result: failed, with no message
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "");
+    }
+    EXPECT_EQ(client.last_response_id(), broken.id);
+    EXPECT_TRUE(client.has_pending_future(other.id));
+    EXPECT_EQ(client.pending_callback_calls(), 1u);
+    EXPECT_NE(other.wait_for(200ms), std::future_status::ready);
+    EXPECT_EQ(callbacks.load(), 0);
+    EXPECT_FALSE(client.has_connected());
 }
 
 TEST_F(ClientReceive, UnknownFrameTypeClosesWithInvalidArgument)
@@ -168,12 +210,30 @@ TEST_F(ClientReceive, InterleavedTopicsEachReachTheirOwnHandler)
     EXPECT_EQ(seen, "a1b2b3a5");
 }
 
-TEST_F(ClientReceive, MalformedPublicationRunsTheErrorRoutineButStaysConnected)
+// The publication path leaves the link flagged connected: with reconnection
+// on, the socket is replaced and connected again, but the connect handler
+// ignores that completion, so nothing is replayed. Reading goes on on the new
+// socket.
+TEST_F(ClientReceive, MalformedPublicationResetsTheSocketAndIgnoresTheNewConnection)
 {
+    client.enable_auto_reconnect();
+    client.subscribe("heartBeat", [](std::string_view) {});
+    ASSERT_TRUE(service.wait_for_subscriber("heartBeat", 3s));
     send_header(topic_frame, 1, 0, std::string("\xc1", 1));
     const auto error = first_error(3s);
     ASSERT_TRUE(error);
     EXPECT_EQ(*error, std::error_code(asio::error::invalid_argument));
+
+    ASSERT_TRUE(service.wait_for_accepted(2, 5s));
+    EXPECT_TRUE(wait_until([&] { return service.connections().size() == 1; }));  // the old socket is gone
+    const std::uint64_t fresh = service.connections().back();
+    EXPECT_NE(fresh, connection);
+
+    // Answered on the new socket, after its connect completion was handled.
+    EXPECT_EQ((client.call<3000, int>("echo", 5)), 5);
+    EXPECT_EQ(frames_named("echo").at(0).connection, fresh);
+    EXPECT_TRUE(service.subscriptions(fresh).empty());
+    EXPECT_EQ(client.reconnect_count(), 0u);
     EXPECT_TRUE(client.has_connected());
 }
 

@@ -100,5 +100,35 @@ TEST_F(ClientWire, FrameTheSocketCannotTakeAtOnceIsFinishedInOrderBeforeLaterFra
     EXPECT_TRUE(*bytes == expected) << "the two frames arrived altered or interleaved";
 }
 
+// A write that fails on a live link keeps its frame at the head of the outbox:
+// after the reconnection the replayed subscription and every heartbeat queue
+// behind it, and only a failed read lets frames leave again.
+TEST_F(ClientWire, FailedWriteHoldsTheReplayAndHeartbeatsUntilAReadFails)
+{
+    client.enable_auto_reconnect();
+    client.subscribe("heartBeat", [](std::string_view) {});
+    const std::string subscription = header_of(1, 12, 0, 0x136C4ED4) + std::string("\x92\xa9heartBeat\xa0", 12);
+    ASSERT_EQ(peer.read_exact(subscription.size(), 3s).value_or(""), subscription);
+
+    // The peer reads nothing more, so an 8 MB frame is still being written
+    // when the peer resets the connection under it.
+    client.call_future("big", std::string(8u << 20, 'x'));
+    ASSERT_FALSE(wait_until([&] { return client.outbox_size() == 0; }, 300ms)) << "the frame left at once";
+    peer.reset_client();
+
+    ASSERT_TRUE(wait_until([&] { return client.has_connected() && client.reconnect_count() == 1; }, 10s));
+    ASSERT_TRUE(peer.accept_newest(3s));
+    client.enable_auto_heartbeat(true, 20ms);
+    // The failed frame, the replayed subscription and at least two heartbeats.
+    EXPECT_TRUE(wait_until([&] { return client.outbox_size() >= 4; })) << client.outbox_size();
+    EXPECT_FALSE(peer.read_exact(1, 500ms)) << "a frame passed the failed one";
+    EXPECT_TRUE(client.has_connected());
+
+    peer.drop_client();  // the read side fails, and close() empties the outbox
+    ASSERT_TRUE(wait_until([&] { return client.reconnect_count() == 2; }, 10s));
+    ASSERT_TRUE(peer.accept_newest(3s));
+    EXPECT_EQ(peer.read_exact(subscription.size(), 3s).value_or(""), subscription);
+}
+
 }  // namespace
 }  // namespace pilot_rpc::test

@@ -51,6 +51,17 @@ public:
         return client_ >= 0;
     }
 
+    /// Accepts every connection waiting and keeps the newest: a reconnecting
+    /// client may have connected and given up on older ones meanwhile.
+    bool accept_newest(std::chrono::milliseconds timeout)
+    {
+        if (!accept(timeout))
+            return false;
+        while (accept(std::chrono::milliseconds(0))) {
+        }
+        return client_ >= 0;
+    }
+
     /// Exactly `count` bytes, or nothing when they do not all come in time.
     std::optional<std::string> read_exact(std::size_t count, std::chrono::milliseconds timeout)
     {
@@ -73,6 +84,14 @@ public:
     bool write(const std::string& bytes)
     {
         return ::send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+
+    /// Closes the connection with a reset instead of an orderly end.
+    void reset_client()
+    {
+        const linger abort{1, 0};
+        ::setsockopt(client_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        drop_client();
     }
 
     void drop_client()

@@ -38,37 +38,6 @@ protected:
     void SetUp() override { start(quick_options()); }
 };
 
-TEST_F(Faults, DelayedProcedureIsAnsweredOnlyAfterItsDelay)
-{
-    sim->delay_answers("getIntConfig", 1500ms);
-    auto client = connected_client();
-    EXPECT_THROW((client->call<300, int>("getIntConfig", std::string("station.app_type"))), std::out_of_range);
-    EXPECT_EQ((client->call<3000, std::string>("getStringConfig", std::string("vehicle.pilot_id"))), "SIM-UAV-0001");
-    sim->delay_answers("getIntConfig", 0ms);
-    EXPECT_EQ(app_type(*client), 0);
-}
-
-TEST_F(Faults, WithheldProcedureIsNeverAnsweredWhileOthersAre)
-{
-    sim->never_answer("getBoolConfig");
-    auto client = connected_client();
-    auto seat = client->call_future("getBoolConfig", std::string("vehicle.six_axis_ar_seat"));
-    EXPECT_EQ(app_type(*client), 0);
-    EXPECT_EQ(seat.wait_for(300ms), std::future_status::timeout);
-}
-
-TEST_F(Faults, LinkIsCutOnceItHasCarriedTheGivenNumberOfFrames)
-{
-    sim->drop_after_frames(2);
-    auto client = connected_client();
-    EXPECT_EQ(app_type(*client), 0);
-    EXPECT_EQ(app_type(*client), 0);
-    // The third frame is not answered: the link goes down and the pending
-    // call loses its answer.
-    EXPECT_THROW(app_type(*client), std::future_error);
-    EXPECT_TRUE(logs.wait_for("closed"));
-}
-
 TEST_F(Faults, ConnectionsAreRefusedForAWhileThenAcceptedOnTheSamePort)
 {
     start_on_restartable_port(quick_options());

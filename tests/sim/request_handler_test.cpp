@@ -165,14 +165,5 @@ TEST_F(RequestHandler, VehicleCommandsWaitForTheVehicleLink)
     EXPECT_TRUE(effects.connected);
 }
 
-TEST_F(RequestHandler, ReportsScheduleTheirResultEvents)
-{
-    EXPECT_EQ(code(ask("firmwareUpdate", {"{}", "getRunInfo"})), 200);
-    EXPECT_EQ(code(ask("firmwareUpdate", {R"({"message":{"fileName":"fw.bin"}})", "softUpload"})), 200);
-    const auto run = Poco::JSON::Parser().parse(effects.later.at("getRunInfo")).extract<Poco::JSON::Object::Ptr>();
-    EXPECT_EQ(run->getObject("runInfo")->getValue<int>("uptime"), 12);
-    EXPECT_NE(effects.later.at("softUpload").find("fw.bin"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace pilot_sim::test

@@ -102,7 +102,12 @@ TEST(Settings, ShippedExampleFileHoldsExactlyTheDefaults)
 
 TEST(Settings, MissingFileIsReportedByPath)
 {
-    EXPECT_THROW(service_settings::load("/nonexistent/pilot-sim.json"), settings_error);
+    try {
+        service_settings::load("/nonexistent/pilot-sim.json");
+        FAIL() << "a missing file was accepted";
+    } catch (const settings_error& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("/nonexistent/pilot-sim.json: ", 0), 0u) << e.what();
+    }
 }
 
 }  // namespace

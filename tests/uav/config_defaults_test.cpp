@@ -1,13 +1,62 @@
+#include <iterator>
 #include <sstream>
 
 #include <gtest/gtest.h>
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
 
 #include "VelmoraCommon.h"
 #include "uav/PilotControlCommon/PilotControlCommon.h"
 
 namespace {
 
-TEST(ConfigDefaults, ResetReplacesEverythingWithTheDefaultTable)
+// Every key the reset writes, with the JSON type it must be saved as.
+struct DefaultKey {
+    const char* key;
+    char type;  // 'i' integer, 's' string, 'b' boolean
+    const char* value;
+};
+
+const DefaultKey defaultTable[] = {
+    {"station.app_type", 'i', "0"},
+    {"station.drone_type", 'i', "1"},
+    {"station.link_type", 'i', "0"},
+    {"mqtts.user_name", 's', "hangarInside"},  // the second of the two writes stays
+    {"mqtts.pawsswd", 's', "tepid@brkr"},
+    {"station.comm_ip", 's', "192.168.188.150"},
+    {"station.station_sn", 's', ""},
+    {"mqtts.server_uri", 's', "127.0.0.1:1883"},
+    {"vehicle.firmware_update_url", 's', nullptr},  // a local HTTP URL on port 9800, checked below
+    {"vehicle.comm_heart_rate", 'i', "5"},
+    {"vehicle.http_srv_port", 's', "80"},
+    {"vehicle.airborne_link_type", 'i', "0"},
+    {"debug.switch", 'i', "0"},
+    {"mqtts.qos", 'i', "0"},
+    {"station.comm_remote_ip", 's', ""},
+    {"station.serial_port", 's', ""},
+    {"station.comm_port", 'i', "2010"},
+    {"station.baudrate", 'i', "115200"},
+    {"station.forward_port", 'i', "-1"},
+    {"station.waypoint_mode", 'i', "0"},
+    {"vehicle.connect_type", 'i', "0"},
+    {"vehicle.comm_type", 'i', "0"},
+    {"vehicle.big_endian", 'i', "0"},
+    {"vehicle.pilot_id", 's', ""},
+    {"vehicle.vehicle_type", 's', ""},
+    {"vehicle.push_route_url", 's', ""},
+    {"vehicle.multi_martin_ip", 's', "192.168.1.201"},
+    {"vehicle.martin_ip", 's', "226.0.0.80"},
+    {"vehicle.martin_recv_port", 'i', "6094"},
+    {"vehicle.martin_send_port", 'i', "6078"},
+    {"vehicle.six_axis_ar_seat_grade", 'i', "2"},
+    {"vehicle.six_axis_ar_seat", 'b', "false"},
+    {"commsdk.gcs_type", 'i', "2"},
+};
+
+// Reads the configuration back as the file would hold it, so that the JSON
+// type of each value is what is checked, not a conversion on reading.
+TEST(ConfigDefaults, ResetWritesExactlyTheDefaultTableWithItsTypes)
 {
     auto& config = vlm::configInstance();
     config.setString("legacy.option", "x");
@@ -15,38 +64,35 @@ TEST(ConfigDefaults, ResetReplacesEverythingWithTheDefaultTable)
 
     vlm::resetConfigDefaults();
 
-    EXPECT_FALSE(config.has("legacy.option"));
-    EXPECT_FALSE(config.has("legacy"));
-    EXPECT_EQ(config.getInt("station.app_type"), 0);
-    EXPECT_EQ(config.getInt("station.drone_type"), 1);
-    EXPECT_EQ(config.getInt("station.link_type"), 0);
-    // The second of the two writes is the one that stays.
-    EXPECT_EQ(config.getString("mqtts.user_name"), "hangarInside");
-    EXPECT_EQ(config.getString("mqtts.pawsswd"), "tepid@brkr");
-    EXPECT_EQ(config.getString("station.comm_ip"), "192.168.188.150");
-    EXPECT_EQ(config.getString("station.station_sn"), "");
-    EXPECT_EQ(config.getString("mqtts.server_uri"), "127.0.0.1:1883");
-    EXPECT_NE(config.getString("vehicle.firmware_update_url").find(":9800"), std::string::npos);
-    EXPECT_EQ(config.getInt("vehicle.comm_heart_rate"), 5);
-    EXPECT_EQ(config.getInt("station.comm_port"), 2010);
-    EXPECT_EQ(config.getInt("station.baudrate"), 115200);
-    EXPECT_EQ(config.getInt("station.forward_port"), -1);
-    EXPECT_EQ(config.getString("vehicle.multi_martin_ip"), "192.168.1.201");
-    EXPECT_EQ(config.getString("vehicle.martin_ip"), "226.0.0.80");
-    EXPECT_EQ(config.getInt("vehicle.martin_recv_port"), 6094);
-    EXPECT_EQ(config.getInt("vehicle.martin_send_port"), 6078);
-    EXPECT_EQ(config.getInt("vehicle.six_axis_ar_seat_grade"), 2);
-    EXPECT_FALSE(config.getBool("vehicle.six_axis_ar_seat"));
-    EXPECT_EQ(config.getInt("commsdk.gcs_type"), 2);
-    EXPECT_EQ(config.getString("vehicle.pilot_id"), "");
-
-    // Types as written: the HTTP port is text, the seat flag a real boolean.
     std::ostringstream saved;
     config.save(saved, 0);
-    const std::string text = saved.str();
-    EXPECT_NE(text.find(R"("http_srv_port":"80")"), std::string::npos) << text;
-    EXPECT_NE(text.find(R"("six_axis_ar_seat":false)"), std::string::npos) << text;
-    EXPECT_NE(text.find(R"("forward_port":-1)"), std::string::npos) << text;
+    const auto root = Poco::JSON::Parser().parse(saved.str()).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_FALSE(root->has("legacy")) << saved.str();
+
+    std::size_t written = 0;
+    for (const auto& name : root->getNames())
+        written += root->getObject(name)->size();
+    EXPECT_EQ(written, std::size(defaultTable)) << saved.str();
+    ASSERT_EQ(std::size(defaultTable), 33u);
+
+    for (const auto& entry : defaultTable) {
+        SCOPED_TRACE(entry.key);
+        const std::string key(entry.key);
+        const auto section = root->getObject(key.substr(0, key.find('.')));
+        ASSERT_TRUE(section);
+        const Poco::Dynamic::Var value = section->get(key.substr(key.find('.') + 1));
+        ASSERT_FALSE(value.isEmpty());
+        switch (entry.type) {
+        case 'i': EXPECT_TRUE(value.isInteger() && !value.isBoolean()); break;
+        case 's': EXPECT_TRUE(value.isString()); break;
+        case 'b': EXPECT_TRUE(value.isBoolean()); break;
+        }
+        if (entry.value)
+            EXPECT_EQ(value.toString(), entry.value);
+    }
+    const std::string url = config.getString("vehicle.firmware_update_url");
+    EXPECT_EQ(url.rfind("http://", 0), 0u) << url;
+    EXPECT_NE(url.find(":9800"), std::string::npos) << url;
 }
 
 TEST(Identifiers, AreTheFixedTexts)
