@@ -40,12 +40,16 @@
 //   _count (equal to the +Inf bucket).
 // - Lines end in "\n"; empty lines are ignored; other "#" lines are comments.
 //
-// What the host does with it: it reads at most pluginMetricsReportLimit
-// bytes (a longer report is left out whole), drops every line that breaks the
-// rules above, a sample repeated with the same labels and the histogram series
-// whose buckets do not add up, and counts what it dropped in
-// velmora_plugin_metrics_rejected_lines_total. A report can never break the
-// host's exposition.
+// - Family names beginning with "metrics_" are the host's own (below).
+//
+// What the host does with it, at every scrape: it reads at most
+// pluginMetricsReportLimit bytes (a longer report is left out whole, and
+// velmora_plugin_metrics_report_too_large is 1), drops every line that breaks
+// the rules above, a sample repeated with the same labels, the histogram
+// series whose buckets do not add up, and a family whose type differs from a
+// family of that name already shown, and gives the number of lines it dropped
+// in the gauge velmora_plugin_metrics_rejected_lines. A report can never break
+// the host's exposition.
 
 #include <cstddef>
 

@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
   curl procps openssl
+  prometheus  # promtool checks the /host/metrics scrape in the end-to-end test
   chromium
 )
 

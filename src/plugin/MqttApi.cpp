@@ -132,13 +132,13 @@ void PilotControlP::handleMqttCommand(const std::string& topic, const std::strin
         ForwardTimer timer(impl->forwards, ForwardFront::mqtt, received);
         const auto number = apiNumber(apiName);
         if (!number) {
-            publishAnswer(makeErrorMsg(texts::apiNotExistPrefix + apiName, apiNotExist), topic, apiName);
             timer.settle(ForwardOutcome::apiNotExist);
+            publishAnswer(makeErrorMsg(texts::apiNotExistPrefix + apiName, apiNotExist), topic, apiName);
             return;
         }
         if (!worksWithoutVehicle(*number) && !impl->pilotConnected) {
-            publishAnswer(makeErrorMsg(texts::vehicleNotConnected, *message, vehicleNotConnected), topic, apiName);
             timer.settle(ForwardOutcome::vehicleNotConnected);
+            publishAnswer(makeErrorMsg(texts::vehicleNotConnected, *message, vehicleNotConnected), topic, apiName);
             return;
         }
         try {
@@ -149,8 +149,8 @@ void PilotControlP::handleMqttCommand(const std::string& topic, const std::strin
         } catch (const std::exception& e) {
             const std::string text = std::string("Pilot response mqtt error msg: ") + e.what();
             PCP_LOG_ERROR("%s", text.c_str());
-            publishAnswer(makeErrorMsg(text, *message, serviceCallFailed), topic, apiName);
             timer.settle(ForwardOutcome::serviceCallFailed);
+            publishAnswer(makeErrorMsg(text, *message, serviceCallFailed), topic, apiName);
         }
     } catch (const Poco::Exception& e) {
         PCP_LOG_ERROR("%s: %s", topic.c_str(), e.displayText().c_str());
@@ -189,8 +189,9 @@ void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const 
             return;
         ForwardOutcome outcome = ForwardOutcome::answered;
         const std::string text = self->serviceAnswerText(error, reply, *request, " response mqtt msg: ", &outcome);
-        self->publishAnswer(text, topic, apiName);
+        // Counted before the answer leaves, so whoever reads the answer finds it counted.
         ForwardTimer(self->impl->forwards, ForwardFront::mqtt, received).settle(outcome);
+        self->publishAnswer(text, topic, apiName);
     });
     auto onAnswer = [answer](std::error_code error, std::string_view reply) { answer->give(error, reply); };
     const std::string text = jsonToString(message);
