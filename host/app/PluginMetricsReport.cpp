@@ -78,7 +78,9 @@ std::optional<MetricLabels> parseLabels(std::string_view text, std::size_t& pos)
         if (equals == std::string_view::npos)
             return std::nullopt;
         const std::string name(text.substr(pos, equals - pos));
-        if (!lowerName(name) || equals + 1 >= text.size() || text[equals + 1] != '"')
+        // Names that begin with "__" are reserved for the scraper.
+        if (!lowerName(name) || name.compare(0, 2, "__") == 0 || equals + 1 >= text.size() ||
+            text[equals + 1] != '"')
             return std::nullopt;
         std::string value;
         pos = equals + 2;
