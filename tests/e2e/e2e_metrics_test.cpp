@@ -128,6 +128,25 @@ TEST_F(MetricsTest, ScrapePassesPromtoolAndCountsEveryForwardedRequest)
                                 "(scripts/install-deps.sh installs it)";
     EXPECT_EQ(verdict.exitCode, 0) << verdict.output << "\n" << after;
 
+    // The bus front answers asynchronously: its count is awaited (bounded).
+    constexpr int busMessages = 2;
+    const std::string busMessage = std::string(R"({"to":[")") + pilotGuid +
+                                   R"("],"guid":"{00000000-0000-4000-8000-000000000001}","api":"getConfig",)"
+                                   R"("type":"request","data":{}})";
+    for (int i = 0; i < busMessages; ++i)
+        ASSERT_EQ(stack.http(test::post("/host/bus", busMessage)).status, 202);
+    const std::vector<std::pair<std::string, std::string>> busAnswered{{"front", "bus"}, {"outcome", "answered"}};
+    std::string latest;
+    EXPECT_TRUE(GatewayStack::waitUntil(
+        [&] {
+            latest = scrape();
+            return pluginSample(latest, "velmora_plugin_forwarded_requests_total", busAnswered) -
+                       pluginSample(after, "velmora_plugin_forwarded_requests_total", busAnswered) ==
+                   busMessages;
+        },
+        eventBound))
+        << latest;
+
     const auto description = stack.http(test::get("/host/openapi.json"));
     EXPECT_NE(description.body.find("\"/host/metrics\""), std::string::npos);
 }
