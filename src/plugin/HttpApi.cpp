@@ -192,7 +192,8 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
             if (!self)
                 return;
             try {
-                answer->set_value(self->serviceAnswerText(error, reply, *request, " response http msg: ", outcome.get()));
+                answer->set_value(
+                    self->serviceAnswerText(error, reply, *request, " response http msg: ", outcome.get()));
             } catch (const std::future_error&) {
                 // A second completion for one call has nobody left to tell.
             }
