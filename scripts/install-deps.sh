@@ -12,6 +12,7 @@ packages=(
   curl procps openssl
   # the packages (CPack runs dpkg-shlibdeps and file) and their checks
   dpkg-dev file lintian systemd man-db
+  prometheus  # promtool checks the /host/metrics scrape in the end-to-end test
   chromium
 )
 

@@ -12,6 +12,7 @@
 #include "ThreadPool.h"
 #include "VelmoraCommon.h"
 #include "app/HealthRoute.h"
+#include "app/MetricsRoute.h"
 #include "app/PluginWebApi.h"
 #include "app/ServiceLink.h"
 #include "app/console/ConsoleRoute.h"
@@ -83,6 +84,7 @@ void HostApp::startServices()
     installHealthRoute(*server, [this] { return health(); });
     configRoute = std::make_unique<ConfigActionRoute>();
     configRoute->install(*server);
+    installMetricsRoute(*server, [this] { return metrics(); });
     apiDescription =
         std::make_unique<ApiDescriptionRoute>(*server, !config.http.bearerToken.empty(), VELMORA_HOST_VERSION);
     apiDescription->install();
@@ -130,7 +132,7 @@ void HostApp::startPlugin(const PluginConfig& plugin)
         std::lock_guard<std::mutex> lock(statusMutex);
         records.push_back(PluginRecord{loaded.libraryPath, loaded.name, loaded.guid, loaded.type,
                                        plugin.serviceAddress, plugin.servicePort, "starting",
-                                       findPluginLinkHealth(*loaded.library)});
+                                       findPluginLinkHealth(*loaded.library), findPluginMetrics(*loaded.library)});
     }
     std::shared_ptr<MessageBus> bus = messageBus;
     const std::string origin = loaded.guid;

@@ -20,6 +20,7 @@
 #include "app/MessageBus.h"
 #include "app/PluginLinkHealth.h"
 #include "app/PluginLoader.h"
+#include "app/PluginMetricsReport.h"
 #include "app/openapi/ApiDescriptionRoute.h"
 #include "http/HttpApiServer.h"
 #include "mqtt/PahoMqttClient.h"
@@ -81,6 +82,9 @@ public:
     /// "library", "reason") and "bus" (counters). Any thread.
     Poco::JSON::Object::Ptr health() const;
 
+    /// The Prometheus exposition of "/host/metrics" (HostMetrics.cpp). Any thread.
+    std::string metrics() const;
+
     /// The bus, for tests and the host's own routes.
     MessageBus& bus() { return *messageBus; }
 
@@ -96,6 +100,8 @@ private:
         std::string state;
         /// The library's link report, null when it has none; the library stays loaded.
         PluginLinkHealthFunction linkHealth = nullptr;
+        /// The library's metrics report, null when it has none.
+        PluginMetricsFunction metrics = nullptr;
     };
 
     void startPlugin(const PluginConfig& config);

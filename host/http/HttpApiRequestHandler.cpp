@@ -54,7 +54,9 @@ void HttpApiRequestHandler::handleRequest(Poco::Net::HTTPServerRequest& request,
 {
     HttpServerContext::Running running(context);
     connection = HttpRequestDeadlines::connectionOf(request);
+    routeClass = HttpRouteClass::refused;
     answer(request, response);
+    context.requests.count(routeClass, static_cast<int>(response.getStatus()));
     // On a kept-alive connection the next request is due from now.
     context.deadlines.arm(connection);
 }
@@ -142,13 +144,19 @@ void HttpApiRequestHandler::serve(Poco::Net::HTTPServerRequest& request, Poco::N
                     "method not allowed; allowed: " + allowedMethods(*route));
         return;
     }
-    const HttpAdmission::Slot slot =
-        context.admission.admit(HttpAdmission::classify(path, *route), request.clientAddress().host().toString());
+    const HttpAdmission::Kind kind = HttpAdmission::classify(path, *route);
+    const HttpAdmission::Slot slot = context.admission.admit(kind, request.clientAddress().host().toString());
     if (!slot.admitted()) {
         response.set("Retry-After", std::to_string(httpRetryAfterSeconds));
         refuseEarly(request, response, Status::HTTP_SERVICE_UNAVAILABLE, slot.reason());
         return;
     }
+    if (route->open)
+        routeClass = HttpRouteClass::console;
+    else if (kind == HttpAdmission::Kind::host)
+        routeClass = HttpRouteClass::host;
+    else
+        routeClass = kind == HttpAdmission::Kind::stream ? HttpRouteClass::pluginStream : HttpRouteClass::pluginRequest;
     // Chunked by default: handlers write answers of unknown length, and only
     // chunks keep the connection usable afterwards and reach the client as
     // soon as they are flushed. HTTP/1.0 clients do not know chunks.
@@ -164,6 +172,7 @@ void HttpApiRequestHandler::answerGuarded(Poco::Net::HTTPServerRequest& request,
                                           Poco::Net::HTTPServerResponse& response, const HttpGuardVerdict& verdict)
 {
     if (verdict.kind == HttpGuardVerdict::Kind::preflight) {
+        routeClass = HttpRouteClass::preflight;
         discardRequestBody(request, discardBound);
         sendCorsPreflight(response, verdict.corsOrigin);
         return;

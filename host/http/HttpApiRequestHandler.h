@@ -43,6 +43,8 @@ private:
 
     HttpServerContext& context;
     HttpRequestDeadlines::Connection connection = nullptr;
+    /// What the request reached, for the server's counts; set as it gets through.
+    HttpRouteClass routeClass = HttpRouteClass::refused;
 };
 
 } // namespace vlm

@@ -156,6 +156,11 @@ void HttpApiServer::hostRouteRegist(std::string path, std::vector<std::string> m
     registerRoute(std::move(path), std::move(route));
 }
 
+std::vector<HttpRequestCount> HttpApiServer::requestCounts() const
+{
+    return context->requests.snapshot();
+}
+
 std::uint64_t HttpApiServer::guardRefusals() const
 {
     return context->guard.refusals();

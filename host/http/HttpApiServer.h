@@ -10,6 +10,7 @@
 #include "WebApiBasic.h"
 #include "http/HttpAdmission.h"
 #include "http/HttpApiServerOptions.h"
+#include "http/HttpRequestCounts.h"
 
 namespace Poco {
 class ThreadPool;
@@ -118,6 +119,9 @@ public:
     /// example {"GET", "POST"}); other methods are answered 405. Not part of
     /// what plug-ins see.
     void hostRouteRegist(std::string path, std::vector<std::string> methods, StreamApiHandler handler);
+
+    /// Requests answered so far, by route class and status. Any thread.
+    std::vector<HttpRequestCount> requestCounts() const;
 
     /// Requests the Host/Origin guard refused so far.
     std::uint64_t guardRefusals() const;

@@ -7,6 +7,7 @@
 
 #include "http/HttpAdmission.h"
 #include "http/HttpApiServerOptions.h"
+#include "http/HttpRequestCounts.h"
 #include "http/HttpRequestDeadline.h"
 #include "http/HttpRequestGuard.h"
 #include "http/HttpRouteTable.h"
@@ -52,6 +53,7 @@ struct HttpServerContext {
     HttpAdmission admission;
     HttpRequestDeadlines deadlines;
     HttpRouteTable routes;
+    HttpRequestCounts requests;
     const HttpRequestGuard guard{options.bindAddress, options.allowedHosts, options.allowedOrigins};
     std::atomic<bool> stopping{false};
 

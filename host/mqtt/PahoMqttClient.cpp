@@ -192,6 +192,9 @@ PahoMqttClient::Counters PahoMqttClient::counters() const
     c.delivered = queue.delivered;
     c.queueDepth = queue.depth;
     c.queueBytes = queue.depthBytes;
+    c.published = impl->published.load();
+    c.publishFailures = impl->publishFailures.load();
+    c.linkLosses = impl->linkLosses.load();
     return c;
 }
 
@@ -282,20 +285,26 @@ bool PahoMqttClient::PublishMessage(const std::string& payload, const std::strin
                                     int waitSeconds)
 {
     if (!isValidMqttTopicName(topic) || qos < 0 || qos > 2) {
+        ++impl->publishFailures;
         impl->logger.error("mqtt publish refused: topic \"%s\", qos %d", topic, qos);
         return false;
     }
-    if (!impl->linkUp.load())
+    if (!impl->linkUp.load()) {
+        ++impl->publishFailures;
         return false;
+    }
     try {
         auto token = impl->client.publish(topic, payload.data(), payload.size(), qos, retained != 0);
+        ++impl->published;
         if (waitSeconds > 0 && !Impl::onDeliveryThread() &&
             !token->wait_for(std::chrono::seconds(waitSeconds))) {
+            ++impl->publishFailures;
             impl->logger.error("mqtt publish on %s not completed within %d s", topic, waitSeconds);
             return false;
         }
         return true;
     } catch (const std::exception& e) {
+        ++impl->publishFailures;
         impl->logger.error("mqtt publish on %s failed: %s", topic, std::string(e.what()));
         return false;
     }

@@ -108,6 +108,9 @@ public:
         std::uint64_t delivered = 0;        // messages whose handlers have all run
         std::uint64_t queueDepth = 0;       // messages waiting for a delivery thread now
         std::uint64_t queueBytes = 0;       // their bytes
+        std::uint64_t published = 0;        // publications the library took
+        std::uint64_t publishFailures = 0;  // publications that failed (PublishMessage returned false)
+        std::uint64_t linkLosses = 0;       // times an established link was lost
     };
     Counters counters() const;
 

@@ -94,6 +94,8 @@ struct PahoMqttClient::Impl {
     bool closed = false;  // set on destruction: later callbacks return at once
 
     std::atomic<std::uint64_t> oversizeRefused{0};
+    std::atomic<std::uint64_t> published{0};       // publications handed to the library
+    std::atomic<std::uint64_t> publishFailures{0};  // refused, link down, failed or not completed in time
     std::mutex burstLogMutex;  // guards oversizeLog
     MqttBurstLog oversizeLog;
 

@@ -4,6 +4,7 @@
 #include <Poco/JSON/Parser.h>
 
 #include "ApiCatalogue.h"
+#include "ForwardMetrics.h"
 #include "FrameLimit.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
@@ -39,6 +40,10 @@ bool answerStaysHere(const std::string& api)
 
 void PilotControlP::pushMessage(std::string message)
 {
+    const auto received = std::chrono::steady_clock::now();
+    // Settled here only for messages that never reach the service; the
+    // answer's own outcome is counted where it comes back.
+    ForwardTimer refused(impl->forwards, ForwardFront::bus, received);
     try {
         Poco::JSON::Parser parser;
         auto object = parser.parse(message).extract<Poco::JSON::Object::Ptr>();
@@ -54,8 +59,10 @@ void PilotControlP::pushMessage(std::string message)
         if (api.empty())
             return;
         const auto number = apiNumber(api);
-        if (!number)
+        if (!number) {
+            refused.settle(ForwardOutcome::apiNotExist);
             return;
+        }
 
         std::string text = message;
         if (api == texts::fixedPointFollow) {
@@ -69,13 +76,15 @@ void PilotControlP::pushMessage(std::string message)
         }
 
         const char* category = busCategory(*number);
-        if (!category)
+        if (!category) {
+            refused.settle(ForwardOutcome::apiNotExist);
             return;
+        }
 
         std::weak_ptr<PilotControlP> weakSelf = impl->self;
-        auto onAnswer = [weakSelf, api](std::error_code error, std::string_view body) {
+        auto onAnswer = [weakSelf, api, received](std::error_code error, std::string_view body) {
             if (auto self = weakSelf.lock())
-                self->returnBusAnswer(api, error, body);
+                self->returnBusAnswer(api, error, body, received);
         };
         // A refusal leaves through the guard below: logged, the message dropped.
         if (std::string(category) == texts::procMicroService) {
@@ -88,16 +97,25 @@ void PilotControlP::pushMessage(std::string message)
     } catch (const Poco::Exception& e) {
         PCP_LOG_ERROR("%s", e.displayText().c_str());
     } catch (const std::exception& e) {
+        // A call that could not start (its frame too big, the link down).
+        refused.settle(ForwardOutcome::serviceCallFailed);
         PCP_LOG_ERROR("%s", e.what());
     }
 }
 
-void PilotControlP::returnBusAnswer(const std::string& api, std::error_code error, std::string_view body)
+void PilotControlP::returnBusAnswer(const std::string& api, std::error_code error, std::string_view body,
+                                    std::chrono::steady_clock::time_point received)
 {
+    ForwardTimer timer(impl->forwards, ForwardFront::bus, received);
+    // Until the service's result reads as a text, the call counts as failed.
+    ForwardOutcome outcome = error ? ForwardOutcome::linkError : ForwardOutcome::serviceCallFailed;
     try {
-        if (body.empty())
+        if (body.empty()) {
+            timer.settle(outcome);
             return;
+        }
         std::string text = pilot_rpc::req_result(body).value<std::string>();
+        timer.settle(ForwardOutcome::answered);
         if (text.empty())
             return;
 
@@ -115,8 +133,10 @@ void PilotControlP::returnBusAnswer(const std::string& api, std::error_code erro
         if (!answerStaysHere(api))
             callback(text);
     } catch (const Poco::Exception& e) {
+        timer.settle(outcome);
         PCP_LOG_ERROR("%s", e.displayText().c_str());
     } catch (const std::exception& e) {
+        timer.settle(outcome);
         PCP_LOG_ERROR("%s", e.what());
     }
 }

@@ -1,6 +1,7 @@
 // Event streams: the five streaming APIs answer with server-sent events that
 // carry the newest data of their API.
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -19,6 +20,18 @@ namespace {
 constexpr auto streamTick = std::chrono::milliseconds(80);
 constexpr int clientRetryMs = 10000;
 
+// Counts a stream as open for as long as it is served.
+class OpenStream {
+public:
+    explicit OpenStream(std::atomic<int>& open) : open(open) { open.fetch_add(1, std::memory_order_relaxed); }
+    ~OpenStream() { open.fetch_sub(1, std::memory_order_relaxed); }
+    OpenStream(const OpenStream&) = delete;
+    OpenStream& operator=(const OpenStream&) = delete;
+
+private:
+    std::atomic<int>& open;
+};
+
 } // namespace
 
 void PilotControlP::handleEventStream(const std::string& apiName, Poco::Net::HTTPServerRequest& request,
@@ -34,6 +47,7 @@ void PilotControlP::handleEventStream(const std::string& apiName, Poco::Net::HTT
         return;
     }
 
+    const OpenStream counted(impl->streamsOpen);
     response.set("Cache-Control", "no-cache");
     response.setContentType("text/event-stream");
     response.set("Connection", "keep-alive");

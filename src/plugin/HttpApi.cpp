@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "ApiCatalogue.h"
+#include "ForwardMetrics.h"
 #include "FrameLimit.h"
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
@@ -74,6 +75,7 @@ void PilotControlP::handleHttpRequest(const std::string& apiName, Poco::Net::HTT
         PCP_LOG_ERROR("rpc client is null");
         return;
     }
+    ForwardTimer timer(impl->forwards, ForwardFront::http);
     try {
         body.getValue<std::string>("type");
     } catch (const Poco::Exception&) {
@@ -92,6 +94,7 @@ void PilotControlP::handleHttpRequest(const std::string& apiName, Poco::Net::HTT
         const std::string text = texts::apiNotExistPrefix + apiName;
         PCP_LOG_ERROR("%s", text.c_str());
         out << makeErrorMsg(text, apiNotExist);
+        timer.settle(ForwardOutcome::apiNotExist);
         return;
     }
     const std::string bodyText = jsonToString(body);
@@ -99,20 +102,23 @@ void PilotControlP::handleHttpRequest(const std::string& apiName, Poco::Net::HTT
 
     if (auto cached = takeCachedAnswer(*number)) {
         out << *cached;
+        timer.settle(ForwardOutcome::answered);
         return;
     }
     if (!worksWithoutVehicle(*number) && !impl->pilotConnected) {
         out << makeErrorMsg(texts::vehicleNotConnected, vehicleNotConnected);
+        timer.settle(ForwardOutcome::vehicleNotConnected);
         return;
     }
 
     std::ostringstream answer;
     try {
-        httpAsyncApi(answer, body, apiName);
+        httpAsyncApi(answer, body, apiName, timer);
     } catch (const std::exception& e) {
         const std::string text = std::string("Pilot response http error msg: ") + e.what();
         PCP_LOG_ERROR("%s", text.c_str());
         answer.str(makeErrorMsg(text, body, serviceCallFailed));
+        timer.settle(ForwardOutcome::serviceCallFailed);
     }
     out << answer.str();
     PCP_LOG_INFO("Http api %s response msg: %s", apiName.c_str(), answer.str().c_str());
@@ -153,7 +159,8 @@ std::optional<std::string> PilotControlP::takeCachedAnswer(int number)
     }
 }
 
-bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& body, const std::string& apiName)
+bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& body, const std::string& apiName,
+                                 ForwardTimer& timer)
 {
     auto client = impl->callClient();
     if (!client)
@@ -161,6 +168,8 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
 
     auto answer = std::make_shared<std::promise<std::string>>();
     std::future<std::string> answered = answer->get_future();
+    // Written before the promise is kept, read after the future is ready.
+    auto outcome = std::make_shared<ForwardOutcome>(ForwardOutcome::answered);
 
     client->connect(getAddress(), getPort(), false, 3);
     const auto number = apiNumber(apiName);
@@ -178,12 +187,13 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
     Poco::JSON::Object::Ptr request = new Poco::JSON::Object(body);
     client->call_with_callback<120000>(
         *category,
-        [weakSelf, answer, request, apiName](std::error_code error, std::string_view reply) {
+        [weakSelf, answer, outcome, request, apiName](std::error_code error, std::string_view reply) {
             auto self = weakSelf.lock();
             if (!self)
                 return;
             try {
-                answer->set_value(self->serviceAnswerText(error, reply, *request, " response http msg: "));
+                answer->set_value(
+                    self->serviceAnswerText(error, reply, *request, " response http msg: ", outcome.get()));
             } catch (const std::future_error&) {
                 // A second completion for one call has nobody left to tell.
             }
@@ -194,26 +204,34 @@ bool PilotControlP::httpAsyncApi(std::ostream& out, const Poco::JSON::Object& bo
     if (!waitForAnswer(answered, answerWaitLimit))
         throw std::runtime_error("no answer from the pilot control micro service");
     out << answered.get();
+    // The pause is the gateway's own pacing, not the request's latency.
+    timer.settle(*outcome);
     std::this_thread::sleep_for(answerPause);
     return true;
 }
 
 std::string PilotControlP::serviceAnswerText(std::error_code error, std::string_view reply,
-                                             const Poco::JSON::Object& request, const char* logPrefix)
+                                             const Poco::JSON::Object& request, const char* logPrefix,
+                                             ForwardOutcome* outcome)
 {
     std::string text;
+    ForwardOutcome ignored = ForwardOutcome::answered;
+    ForwardOutcome& ended = outcome ? *outcome : ignored;
     if (!error) {
         try {
             text = pilot_rpc::req_result(reply).value<std::string>();
             PCP_LOG_INFO("%s%s", logPrefix, text.c_str());
+            ended = ForwardOutcome::answered;
             return text;
         } catch (const std::exception& e) {
             // The service refused the call: its message is the answer's text.
+            ended = ForwardOutcome::serviceCallFailed;
             text = makeErrorMsg(e.what(), request, serviceCallFailed);
             PCP_LOG_ERROR("%s%s, error code: %d", logPrefix, e.what(), static_cast<int>(serviceCallFailed));
             return text;
         }
     }
+    ended = ForwardOutcome::linkError;
     text = makeErrorMsg(error.message(), request, static_cast<ErrorCode>(error.value()));
     PCP_LOG_ERROR("%s%s, error code: %d", logPrefix, error.message().c_str(), error.value());
     return text;

@@ -29,11 +29,10 @@ LiveInstances& liveInstances()
     return all;
 }
 
-std::vector<std::shared_ptr<PilotControlPImpl>> liveStates()
+std::vector<std::shared_ptr<PilotControlPImpl>> liveStatesOf(LiveInstances& all)
 {
     std::vector<std::weak_ptr<PilotControlPImpl>> weak;
     {
-        LiveInstances& all = liveInstances();
         std::lock_guard<std::mutex> lock(all.mutex);
         weak = all.states;
     }
@@ -99,10 +98,15 @@ void registerLinkHealth(const std::shared_ptr<PilotControlPImpl>& state)
     all.states.push_back(state);
 }
 
+std::vector<std::shared_ptr<PilotControlPImpl>> liveInstanceStates()
+{
+    return liveStatesOf(liveInstances());
+}
+
 std::string describeLinkHealth()
 {
     Poco::JSON::Array::Ptr instances = new Poco::JSON::Array;
-    for (const auto& state : liveStates())
+    for (const auto& state : liveInstanceStates())
         instances->add(describeInstance(*state));
     Poco::JSON::Object report(Poco::JSON_PRESERVE_KEY_ORDER);
     report.set("instances", instances);

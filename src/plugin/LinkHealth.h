@@ -39,6 +39,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace vlm {
 
@@ -49,5 +50,8 @@ void registerLinkHealth(const std::shared_ptr<PilotControlPImpl>& state);
 
 /// The JSON text above. Any thread.
 std::string describeLinkHealth();
+
+/// The registered instances still alive, in the order they were made. Any thread.
+std::vector<std::shared_ptr<PilotControlPImpl>> liveInstanceStates();
 
 } // namespace vlm

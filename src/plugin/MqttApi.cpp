@@ -9,6 +9,7 @@
 #include <Poco/JSON/Parser.h>
 
 #include "ApiCatalogue.h"
+#include "ForwardMetrics.h"
 #include "FrameLimit.h"
 #include "MqttClient.h"
 #include "PilotControlP.h"
@@ -102,6 +103,7 @@ void PilotControlP::installMqttApi()
 
 void PilotControlP::handleMqttCommand(const std::string& topic, const std::string& payload, bool cloudSide)
 {
+    const auto received = std::chrono::steady_clock::now();
     Poco::JSON::Object::Ptr message;
     try {
         Poco::JSON::Parser parser;
@@ -127,23 +129,27 @@ void PilotControlP::handleMqttCommand(const std::string& topic, const std::strin
         }
         PCP_LOG_INFO("pilot micro service mqtt recv topic: %s ,api: %s", topic.c_str(), apiName.c_str());
 
+        ForwardTimer timer(impl->forwards, ForwardFront::mqtt, received);
         const auto number = apiNumber(apiName);
         if (!number) {
+            timer.settle(ForwardOutcome::apiNotExist);
             publishAnswer(makeErrorMsg(texts::apiNotExistPrefix + apiName, apiNotExist), topic, apiName);
             return;
         }
         if (!worksWithoutVehicle(*number) && !impl->pilotConnected) {
+            timer.settle(ForwardOutcome::vehicleNotConnected);
             publishAnswer(makeErrorMsg(texts::vehicleNotConnected, *message, vehicleNotConnected), topic, apiName);
             return;
         }
         try {
             if (cloudSide)
-                mqttAsyncApiCloud(*message, topic);
+                mqttAsyncApiCloud(*message, topic, received);
             else
-                mqttAsyncApi(*message, topic);
+                mqttAsyncApi(*message, topic, received);
         } catch (const std::exception& e) {
             const std::string text = std::string("Pilot response mqtt error msg: ") + e.what();
             PCP_LOG_ERROR("%s", text.c_str());
+            timer.settle(ForwardOutcome::serviceCallFailed);
             publishAnswer(makeErrorMsg(text, *message, serviceCallFailed), topic, apiName);
         }
     } catch (const Poco::Exception& e) {
@@ -167,7 +173,8 @@ void PilotControlP::publishAnswer(const std::string& payload, const std::string&
 }
 
 void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const std::string& topic,
-                                       const std::string& procedure, const std::string& secondArgument)
+                                       const std::string& procedure, const std::string& secondArgument,
+                                       std::chrono::steady_clock::time_point received)
 {
     auto client = impl->callClient();
     if (!client)
@@ -175,10 +182,16 @@ void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const 
     const std::string apiName = message.optValue<std::string>("api", "");
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
     Poco::JSON::Object::Ptr request = new Poco::JSON::Object(message);
-    auto answer = std::make_shared<AnswerOnce>([weakSelf, request, topic, apiName](std::error_code error,
-                                                                                  std::string_view reply) {
-        if (auto self = weakSelf.lock())
-            self->publishAnswer(self->serviceAnswerText(error, reply, *request, " response mqtt msg: "), topic, apiName);
+    auto answer = std::make_shared<AnswerOnce>([weakSelf, request, topic, apiName, received](std::error_code error,
+                                                                                            std::string_view reply) {
+        auto self = weakSelf.lock();
+        if (!self)
+            return;
+        ForwardOutcome outcome = ForwardOutcome::answered;
+        const std::string text = self->serviceAnswerText(error, reply, *request, " response mqtt msg: ", &outcome);
+        // Counted before the answer leaves, so whoever reads the answer finds it counted.
+        ForwardTimer(self->impl->forwards, ForwardFront::mqtt, received).settle(outcome);
+        self->publishAnswer(text, topic, apiName);
     });
     auto onAnswer = [answer](std::error_code error, std::string_view reply) { answer->give(error, reply); };
     const std::string text = jsonToString(message);
@@ -197,7 +210,8 @@ void PilotControlP::forwardMqttRequest(const Poco::JSON::Object& message, const 
     }
 }
 
-void PilotControlP::mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic)
+void PilotControlP::mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic,
+                                 std::chrono::steady_clock::time_point received)
 {
     auto client = impl->callClient();
     if (!client)
@@ -208,10 +222,11 @@ void PilotControlP::mqttAsyncApi(const Poco::JSON::Object& message, const std::s
     const auto category = number ? apiCategory(*number) : std::nullopt;
     if (!category)
         throw std::invalid_argument("api has no service category: " + apiName);
-    forwardMqttRequest(message, topic, *category, apiName);
+    forwardMqttRequest(message, topic, *category, apiName, received);
 }
 
-void PilotControlP::mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic)
+void PilotControlP::mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic,
+                                      std::chrono::steady_clock::time_point received)
 {
     auto client = impl->callClient();
     if (!client)
@@ -219,11 +234,11 @@ void PilotControlP::mqttAsyncApiCloud(const Poco::JSON::Object& message, const s
     const std::string apiName = message.getValue<std::string>("api");
     client->connect(getAddress(), getPort(), false, 3);
     if (message.has("factory") && message.get("factory").convert<bool>()) {
-        forwardMqttRequest(message, topic, texts::procDjiControl, "");
+        forwardMqttRequest(message, topic, texts::procDjiControl, "", received);
     } else if (apiNumber(apiName) == api::hangerImageTransSwitch) {
-        forwardMqttRequest(message, topic, texts::procPilotControlBase, apiName);
+        forwardMqttRequest(message, topic, texts::procPilotControlBase, apiName, received);
     } else {
-        forwardMqttRequest(message, topic, texts::procPilotControlBase, serviceFunctionName(1));
+        forwardMqttRequest(message, topic, texts::procPilotControlBase, serviceFunctionName(1), received);
     }
     PCP_LOG_INFO("pilot micro service handle mqtt msg: %s", jsonToString(message).c_str());
 }

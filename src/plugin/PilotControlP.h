@@ -22,6 +22,8 @@
 namespace vlm {
 
 struct PilotControlPImpl;
+class ForwardTimer;
+enum class ForwardOutcome;
 
 /// The pilot control gateway: forwards HTTP, MQTT and bus requests to the pilot
 /// control micro service and republishes that service's events.
@@ -76,10 +78,11 @@ private:
     void httpRegist(const std::string& api);
     void handleHttpRequest(const std::string& api, Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response, const Poco::JSON::Object& body);
-    bool httpAsyncApi(std::ostream& out, const Poco::JSON::Object& body, const std::string& api);
+    bool httpAsyncApi(std::ostream& out, const Poco::JSON::Object& body, const std::string& api, ForwardTimer& timer);
     std::optional<std::string> takeCachedAnswer(int apiNumber);
+    /// The answer text of a forwarded call; `outcome`, when given, gets how it ended.
     std::string serviceAnswerText(std::error_code error, std::string_view reply, const Poco::JSON::Object& request,
-                                  const char* logPrefix);
+                                  const char* logPrefix, ForwardOutcome* outcome = nullptr);
     bool waitForAnswer(std::future<std::string>& answered, std::chrono::seconds limit);
     void handleEventStream(const std::string& api, Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response);
@@ -93,10 +96,13 @@ private:
     std::vector<CommandTopic> commandTopics() const;
     void installMqttApi();
     void handleMqttCommand(const std::string& topic, const std::string& payload, bool cloudSide);
-    void mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic);
-    void mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic);
+    // `received`: when the command came in, for its latency.
+    void mqttAsyncApi(const Poco::JSON::Object& message, const std::string& topic,
+                      std::chrono::steady_clock::time_point received);
+    void mqttAsyncApiCloud(const Poco::JSON::Object& message, const std::string& topic,
+                           std::chrono::steady_clock::time_point received);
     void forwardMqttRequest(const Poco::JSON::Object& message, const std::string& topic, const std::string& procedure,
-                            const std::string& secondArgument);
+                            const std::string& secondArgument, std::chrono::steady_clock::time_point received);
     void publishAnswer(const std::string& payload, const std::string& topic, const std::string& api);
 
     // Error answers.
@@ -118,7 +124,8 @@ private:
     void handleVehicleOnlineStatus(std::string_view data);
 
     // Bus intake: the answer of a forwarded bus message.
-    void returnBusAnswer(const std::string& api, std::error_code error, std::string_view body);
+    void returnBusAnswer(const std::string& api, std::error_code error, std::string_view body,
+                         std::chrono::steady_clock::time_point received);
 
     // Records to other plug-ins.
     void sendTelemeToMicroService(int kind, const Poco::JSON::Object& object, const std::string& topic,

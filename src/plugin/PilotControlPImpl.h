@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ForwardMetrics.h"
 #include "OutboundWorker.h"
 
 namespace pilot_rpc {
@@ -77,6 +78,11 @@ struct PilotControlPImpl {
     std::atomic<std::uint64_t> oversizeRequestsRefused{0};
     /// Error answers that left the request's body out because it was too big.
     std::atomic<std::uint64_t> errorEchoesTrimmed{0};
+
+    /// Requests of each front by outcome, with their latency.
+    ForwardMetrics forwards;
+    /// Event streams being served right now.
+    std::atomic<int> streamsOpen{0};
 
     mutable std::mutex publishMutex;  // guards responseStatus, failedRouteMissions
     std::map<std::string, int> responseStatus;

@@ -356,6 +356,16 @@ std::uint64_t client_core::reconnect_count() const
     return made > 0 ? made - 1 : 0;
 }
 
+link_traffic client_core::traffic() const
+{
+    link_traffic t;
+    t.frames_sent = frames_sent_.load(std::memory_order_relaxed);
+    t.bytes_sent = bytes_sent_.load(std::memory_order_relaxed);
+    t.frames_received = frames_received_.load(std::memory_order_relaxed);
+    t.bytes_received = bytes_received_.load(std::memory_order_relaxed);
+    return t;
+}
+
 void client_core::close_from_caller()
 {
     if (on_io_thread()) {

@@ -55,6 +55,7 @@
 #include "rpc/call_t.h"
 #include "rpc/frame.h"
 #include "rpc/frame_reader.h"
+#include "rpc/link_traffic.h"
 #include "rpc/req_result.h"
 #include "rpc/subscription_registry.h"
 
@@ -106,6 +107,7 @@ public:
     std::size_t subscription_count() const { return subscriptions_.size(); }
     std::optional<std::chrono::steady_clock::time_point> last_receive_time() const;
     std::uint64_t reconnect_count() const;
+    link_traffic traffic() const;
 
 private:
     client_core();
@@ -201,6 +203,11 @@ private:
     std::atomic<std::int64_t> last_receive_ns_{-1};
     /// Connections established since construction. Written on the I/O thread.
     std::atomic<std::uint64_t> connections_made_{0};
+    // Traffic counters (relaxed: figures for reports, ordering nothing).
+    std::atomic<std::uint64_t> frames_sent_{0};
+    std::atomic<std::uint64_t> bytes_sent_{0};
+    std::atomic<std::uint64_t> frames_received_{0};
+    std::atomic<std::uint64_t> bytes_received_{0};
 
     frame_reader reader_{peer_role::client};  ///< I/O thread only
     subscription_registry subscriptions_;

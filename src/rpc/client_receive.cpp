@@ -56,6 +56,7 @@ void client_core::on_read(const std::error_code& ec, std::size_t bytes)
             on_header_error(ec);
         return;
     }
+    bytes_received_.fetch_add(bytes, std::memory_order_relaxed);
     reader_.commit(bytes);
     process_frames();
 }
@@ -79,6 +80,7 @@ void client_core::process_frames()
         case frame_reader::status::frame:
             break;
         }
+        frames_received_.fetch_add(1, std::memory_order_relaxed);
         last_receive_ns_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
                                    std::chrono::steady_clock::now().time_since_epoch())
                                    .count());

@@ -83,7 +83,11 @@ bool client_core::send_now(outgoing_message& message)
     if (sent < 0)
         return false;
     message.sent = static_cast<std::size_t>(sent);
-    return message.sent == header_size + body_len;
+    bytes_sent_.fetch_add(message.sent, std::memory_order_relaxed);
+    const bool whole = message.sent == header_size + body_len;
+    if (whole)
+        frames_sent_.fetch_add(1, std::memory_order_relaxed);
+    return whole;
 }
 
 void client_core::stop_sending_now()
@@ -138,9 +142,13 @@ void client_core::write_front()
     // The buffers stay valid: messages leave the outbox only in on_write or
     // in close(), which closes the socket (ending this write) before dropping them.
     write_size_ = body_bytes;
-    asio::async_write(socket_, write_buffers_, [this, generation, frames](const std::error_code& ec, std::size_t) {
-        on_write(ec, generation, frames);
-    });
+    asio::async_write(socket_, write_buffers_,
+                      [this, generation, frames](const std::error_code& ec, std::size_t bytes) {
+                          bytes_sent_.fetch_add(bytes, std::memory_order_relaxed);
+                          if (!ec)
+                              frames_sent_.fetch_add(frames, std::memory_order_relaxed);
+                          on_write(ec, generation, frames);
+                      });
 }
 
 void client_core::on_write(const std::error_code& ec, std::uint64_t outbox_generation, std::size_t frames)

@@ -45,6 +45,7 @@ std::optional<std::chrono::steady_clock::time_point> rpc_client::last_receive_ti
     return core_->last_receive_time();
 }
 std::uint64_t rpc_client::reconnect_count() const { return core_->reconnect_count(); }
+link_traffic rpc_client::traffic() const { return core_->traffic(); }
 
 future_result<req_result> rpc_client::send_future_call(const std::string& rpc_name, msgpack::sbuffer body)
 {

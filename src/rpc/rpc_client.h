@@ -25,6 +25,7 @@
 
 #include "rpc/codec.h"
 #include "rpc/frame.h"
+#include "rpc/link_traffic.h"
 #include "rpc/req_result.h"
 
 namespace pilot_rpc {
@@ -145,6 +146,8 @@ public:
     std::optional<std::chrono::steady_clock::time_point> last_receive_time() const;
     /// How often the link came up again after its first connection.
     std::uint64_t reconnect_count() const;
+    /// What went over the link so far.
+    link_traffic traffic() const;
 
 private:
     future_result<req_result> send_future_call(const std::string& rpc_name, msgpack::sbuffer body);

@@ -80,11 +80,11 @@ std::set<std::string> dynamicSymbols(bool demangle)
     return names;
 }
 
-TEST(PluginExports, OnlyTheEntryPointsTheApiListTheLinkReportAndThePluginClassLeaveTheLibrary)
+TEST(PluginExports, OnlyTheEntryPointsTheApiListTheReportsAndThePluginClassLeaveTheLibrary)
 {
     const std::set<std::string> cFunctions = {"PluginName",   "PluginType",         "PluginGuid",
                                               "PluginLoad",   "PluginUnLoad",       "PluginApiCatalogue",
-                                              "PluginLinkHealth", "PluginConfigAction"};
+                                              "PluginLinkHealth", "PluginConfigAction", "PluginMetrics"};
     const auto raw = dynamicSymbols(false);
     for (const auto& name : cFunctions)
         EXPECT_EQ(raw.count(name), 1u) << name << " must be exported undecorated";

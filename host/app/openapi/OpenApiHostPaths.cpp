@@ -1,8 +1,9 @@
-// The host's own routes in the API description: health, the bus tap, the
+// The host's own routes in the API description: health, metrics, the bus tap, the
 // description itself and the console's files.
 
 #include "app/BusTapRoute.h"
 #include "app/HealthRoute.h"
+#include "app/MetricsRoute.h"
 #include "app/console/ConsoleRoute.h"
 #include "app/openapi/ApiDescriptionRoute.h"
 #include "app/openapi/OpenApiDocument.h"
@@ -104,6 +105,19 @@ Object::Ptr healthPathItem(bool tokenRequired)
                                      hostTag, refusals(responses, tokenRequired))}});
 }
 
+Object::Ptr metricsPathItem(bool tokenRequired)
+{
+    Object::Ptr responses = object({{"200", response("The figures in the Prometheus text exposition format 0.0.4.",
+                                                     "text/plain", typed("string"))}});
+    return object({{"get", operation("hostMetrics", "Metrics for Prometheus",
+                                     "HTTP requests by route class and status, the MQTT link and its counters, the "
+                                     "bus counters, each plug-in's service link, the figures plug-ins report "
+                                     "(\"velmora_plugin_...\": forwarded requests by front and outcome with "
+                                     "their latency, link traffic, open streams, drops) and the process's memory, "
+                                     "CPU time, threads and descriptors.",
+                                     hostTag, refusals(responses, tokenRequired))}});
+}
+
 Object::Ptr busPathItem(bool tokenRequired)
 {
     Object::Ptr streamResponses = object(
@@ -172,6 +186,8 @@ Poco::JSON::Object::Ptr describeHostPath(const std::string& path, bool tokenRequ
 {
     if (path == healthPath)
         return healthPathItem(tokenRequired);
+    if (path == metricsPath)
+        return metricsPathItem(tokenRequired);
     if (path == busTapPath)
         return busPathItem(tokenRequired);
     if (path == apiDescriptionPath)
