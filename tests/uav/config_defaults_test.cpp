@@ -87,8 +87,9 @@ TEST(ConfigDefaults, ResetWritesExactlyTheDefaultTableWithItsTypes)
         case 's': EXPECT_TRUE(value.isString()); break;
         case 'b': EXPECT_TRUE(value.isBoolean()); break;
         }
-        if (entry.value)
+        if (entry.value) {
             EXPECT_EQ(value.toString(), entry.value);
+        }
     }
     const std::string url = config.getString("vehicle.firmware_update_url");
     EXPECT_EQ(url.rfind("http://", 0), 0u) << url;
