@@ -56,6 +56,9 @@ install(TARGETS VelmoraPluginPilotControl LIBRARY DESTINATION ${VELMORA_INSTALL_
 # --- sim ------------------------------------------------------------------------
 if(TARGET pilot-sim)
   install(TARGETS pilot-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT sim)
+  # The service link's command-line client ships with the simulator: both are
+  # what an integrator uses on the link before an aircraft is there.
+  install(TARGETS pilot-rpc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT sim)
   install(FILES ${PROJECT_SOURCE_DIR}/sim/pilot-sim.settings.json
     DESTINATION ${VELMORA_INSTALL_DATADIR} COMPONENT sim)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/pilot-sim.service

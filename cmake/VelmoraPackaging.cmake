@@ -26,14 +26,17 @@ configure_file(${_velmora_deb}/changelog.in ${_velmora_deb_build}/changelog @ONL
 velmora_gzip(${_velmora_deb_build}/changelog ${_velmora_deb_build}/changelog.gz)
 configure_file(${_velmora_deb}/shlibs.in ${_velmora_deb_build}/shlibs @ONLY)
 
-# Manual pages of the two programs.
+# Manual pages of the programs.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-  ${PROJECT_SOURCE_DIR}/packaging/man/velmora-host.1 ${PROJECT_SOURCE_DIR}/packaging/man/pilot-sim.1)
+  ${PROJECT_SOURCE_DIR}/packaging/man/velmora-host.1 ${PROJECT_SOURCE_DIR}/packaging/man/pilot-sim.1
+  ${PROJECT_SOURCE_DIR}/packaging/man/pilot-rpc.1)
 velmora_gzip(${PROJECT_SOURCE_DIR}/packaging/man/velmora-host.1 ${_velmora_deb_build}/velmora-host.1.gz)
 install(FILES ${_velmora_deb_build}/velmora-host.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
 if(TARGET pilot-sim)
   velmora_gzip(${PROJECT_SOURCE_DIR}/packaging/man/pilot-sim.1 ${_velmora_deb_build}/pilot-sim.1.gz)
   install(FILES ${_velmora_deb_build}/pilot-sim.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT sim)
+  velmora_gzip(${PROJECT_SOURCE_DIR}/packaging/man/pilot-rpc.1 ${_velmora_deb_build}/pilot-rpc.1.gz)
+  install(FILES ${_velmora_deb_build}/pilot-rpc.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT sim)
 endif()
 
 set(_velmora_components host plugin dev)

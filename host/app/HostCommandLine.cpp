@@ -49,6 +49,7 @@ Host paths (beside the plug-ins' own, e.g. /index/api/pilot/<api>):
   GET  /host/health   JSON: plug-ins, MQTT connection, service links, uptime.
   GET  /host/bus      Event stream of every bus message.
   POST /host/bus      Deliver a JSON message with a "to" list of GUIDs.
+  GET  /host/metrics  Prometheus text: requests, links, MQTT, bus, process.
   POST /host/config/reset-defaults, /host/config/backup,
        /host/config/load-hangar, /host/ping
                       The station's configuration routines (see config --help).

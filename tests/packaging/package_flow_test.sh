@@ -116,6 +116,13 @@ grep -q '"code":200' <<< "$answer" || fail "getConfig answer: $answer"
 after="$(sim_forwarded)"
 [ "$after" -eq $((before + 1)) ] || fail "the simulator counted $before then $after forwarded requests, not one more"
 pass "one request forwarded to the simulator and answered"
+
+# The link's command-line client, from the same install, asks the simulator
+# directly.
+rpc_answer="$(env -u LD_LIBRARY_PATH "$prefix/bin/pilot-rpc" --timeout 5 call "127.0.0.1:$sim_port" \
+              getStringConfig vehicle.pilot_id 2>&1)" || fail "pilot-rpc call failed: $rpc_answer"
+grep -q "SIM-UAV" <<< "$rpc_answer" || fail "pilot-rpc answer: $rpc_answer"
+pass "the installed pilot-rpc calls the installed simulator"
 stop_host
 
 # --- the example plug-in, built against the installed SDK ---------------------------
