@@ -17,7 +17,7 @@ TEST(Recording, ALineReadsBackExactlyWhatWasWritten)
     recorded_event event;
     event.t_ms = 1250;
     event.topic = "push\"Tele\\metry";
-    event.data = std::string("{\"a\":\"b\\n\"}\n\t\x01 \xc3\xa9", 19);
+    event.data = "{\"a\":\"b\\n\"}\n\t\x01 \xc3\xa9";
     const auto when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1795450857148));
     const std::string line = format_record_line(event, when);
     EXPECT_EQ(line.find('\n'), std::string::npos);
