@@ -1,7 +1,5 @@
 #include "ConfigActions.h"
 
-#include <algorithm>
-#include <cstring>
 #include <sstream>
 #include <vector>
 
@@ -9,6 +7,7 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/Path.h>
 
+#include "ReportCopy.h"
 #include "VelmoraCommon.h"
 #include "VelmoraExport.h"
 #include "uav/PilotControlCommon/ConfigKeys.h"
@@ -132,10 +131,5 @@ extern "C" VLM_EXPORT std::size_t PluginConfigAction(const char* action, const c
     } catch (const std::exception&) {
         text = R"({"ok":false,"errors":["the answer could not be written"]})";
     }
-    if (buffer && size > 0) {
-        const std::size_t copied = std::min(text.size(), size - 1);
-        std::memcpy(buffer, text.data(), copied);
-        buffer[copied] = '\0';
-    }
-    return text.size();
+    return vlm::copyReport(text, buffer, size);
 }

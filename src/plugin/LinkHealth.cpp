@@ -12,6 +12,7 @@
 #include <Poco/JSON/Object.h>
 
 #include "PilotControlPImpl.h"
+#include "ReportCopy.h"
 #include "VelmoraExport.h"
 #include "rpc/rpc_client.h"
 
@@ -126,10 +127,5 @@ extern "C" VLM_EXPORT std::size_t PluginLinkHealth(char* buffer, std::size_t siz
         // Never throws into the host: an empty object says "no report".
         text = "{}";
     }
-    if (buffer && size > 0) {
-        const std::size_t copied = std::min(text.size(), size - 1);
-        std::memcpy(buffer, text.data(), copied);
-        buffer[copied] = '\0';
-    }
-    return text.size();
+    return vlm::copyReport(text, buffer, size);
 }

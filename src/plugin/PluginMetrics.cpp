@@ -7,6 +7,7 @@
 #include "ForwardMetrics.h"
 #include "LinkHealth.h"
 #include "PilotControlPImpl.h"
+#include "ReportCopy.h"
 #include "VelmoraExport.h"
 #include "rpc/rpc_client.h"
 
@@ -196,10 +197,5 @@ extern "C" VLM_EXPORT std::size_t PluginMetrics(char* buffer, std::size_t size)
         // Never throws into the host: an empty report says "nothing to add".
         text.clear();
     }
-    if (buffer && size > 0) {
-        const std::size_t copied = std::min(text.size(), size - 1);
-        std::memcpy(buffer, text.data(), copied);
-        buffer[copied] = '\0';
-    }
-    return text.size();
+    return vlm::copyReport(text, buffer, size);
 }
