@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "ServiceTopics.h"
+
 namespace vlm {
 namespace {
 
@@ -44,7 +46,7 @@ const ApiCatalogue& apiCatalogue()
 const ServiceFunctionTable& serviceFunctionTable()
 {
     static const ServiceFunctionTable table = {
-        {0, "responseToCloud"}, {1, "publishToGround"}, {2, "toMicroService"},
+        {0, serviceTopics::responseToCloud}, {1, "publishToGround"}, {2, serviceTopics::toMicroService},
         {3, "setDatDirPath"},   {4, "setPhotoCount"},   {5, "setApmode"},
     };
     return table;

@@ -6,6 +6,7 @@
 #include "PilotControlP.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
+#include "ServiceTopics.h"
 #include "VelmoraCommon.h"
 #include "rpc/rpc_client.h"
 #include "uav/PilotControlCommon/PilotControlCommon.h"
@@ -64,7 +65,7 @@ void PilotControlP::rpcSubscribeVehicleOnlineStatus()
     if (!client)
         return;
     std::weak_ptr<PilotControlP> weakSelf = impl->self;
-    client->subscribe(texts::vehicleOnlineStatus, [weakSelf](std::string_view data) {
+    client->subscribe(serviceTopics::vehicleOnlineStatus, [weakSelf](std::string_view data) {
         if (auto self = weakSelf.lock())
             self->handleVehicleOnlineStatus(data);
     });

@@ -4,11 +4,11 @@
 
 #include <random>
 
-#include "ApiCatalogue.h"
 #include "LinkHealth.h"
 #include "MqttClient.h"
 #include "PilotControlPImpl.h"
 #include "PluginTexts.h"
+#include "ServiceTopics.h"
 #include "VelmoraCommon.h"
 #include "rpc/rpc_client.h"
 #include "uav/PilotControlCommon/ConfigKeys.h"
@@ -19,18 +19,6 @@ namespace vlm {
 namespace {
 
 constexpr auto settingWait = std::chrono::milliseconds(5000);
-
-// Event topics subscribed at start, in this order, before the two forwarding
-// targets of the service function table.
-const char* const startTopics[] = {
-    "heartBeat",        "pushTelemetry",     "updateProgress",   "getVersionInfo",
-    "getRunInfo",       "getBinInfo",        "softUpload",       "softUpdateStatus",
-    "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
-    "pilotConnectState", "syncRoute",        "pushRoute",        "deleteWayPointList",
-    "setTelemFrequency", "uploadGuid",       "saveRouteMission", "requestBomb",
-    "requestManCtrl",   "uavData2MaterCtl",  "fireSearchInfo",   "pushUavSn",
-    "fixedPointFollow",
-};
 
 // "velmora-" and 8 characters from a-z0-9, drawn from one generator seeded
 // once per process.
@@ -126,10 +114,8 @@ void PilotControlP::start(std::shared_ptr<WebApiBasic> web, std::shared_ptr<Mqtt
                                              std::string(texts::apiSetSelfGuid));
         awaitSetting(announced);
 
-        for (const char* topic : startTopics)
+        for (const char* topic : serviceTopics::beforeApis)
             rpcSubscribe(topic);
-        rpcSubscribe(serviceFunctionName(0));
-        rpcSubscribe(serviceFunctionName(2));
 
         installApi();
         rpcSubscribeVehicleOnlineStatus();

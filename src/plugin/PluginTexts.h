@@ -33,7 +33,6 @@ inline constexpr const char* setTelemFrequency = "setTelemFrequency";
 inline constexpr const char* pushUavSn = "pushUavSn";
 inline constexpr const char* pilotConnect = "pilotConnect";
 inline constexpr const char* fireSearchInfo = "fireSearchInfo";
-inline constexpr const char* vehicleOnlineStatus = "vehicleOnlineStatus";
 inline constexpr const char* heartBeat = "heartBeat";
 inline constexpr const char* pushTelemetry = "pushTelemetry";
 inline constexpr const char* uploadRouteMission = "uploadRouteMission";

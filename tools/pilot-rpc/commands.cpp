@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "answer_text.h"
-#include "record_topics.h"
+#include "plugin/ServiceTopics.h"
 #include "recording.h"
 #include "rpc/rpc_client.h"
 #include "typed_arguments.h"
@@ -162,6 +164,16 @@ private:
     std::atomic<bool> full_{false};
 };
 
+/// What the plug-in subscribes to, so a recording holds everything it would
+/// have received.
+std::vector<std::string> plugin_topics()
+{
+    std::vector<std::string> topics(std::begin(vlm::serviceTopics::beforeApis),
+                                    std::end(vlm::serviceTopics::beforeApis));
+    topics.emplace_back(vlm::serviceTopics::vehicleOnlineStatus);
+    return topics;
+}
+
 }  // namespace
 
 exit_code run_call(const tool_options& options)
@@ -217,7 +229,7 @@ exit_code run_subscribe(const tool_options& options)
             });
             client.enable_auto_reconnect();
             client.enable_auto_heartbeat();
-            for (const std::string& topic : recording ? record_topics() : options.topics)
+            for (const std::string& topic : recording ? plugin_topics() : options.topics)
                 client.subscribe(topic, [&sink, topic](std::string_view data) { sink.deliver(topic, data); });
             std::optional<steady::time_point> deadline;
             if (options.duration_seconds)
