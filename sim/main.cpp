@@ -1,7 +1,6 @@
 // pilot-sim: the micro-service simulator as a program. See --help.
 
 #include <poll.h>
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "control_commands.h"
 #include "recording.h"
 #include "replay.h"
+#include "stop_signals.h"
 #include "simulator.h"
 
 namespace {
@@ -94,14 +94,9 @@ std::shared_ptr<const pilot_sim::replay_plan> load_replay(const pilot_sim::comma
 int main(int argc, char** argv)
 {
     // SIGINT and SIGTERM are taken by sigwait below, so every thread started
-    // from here on must have them blocked.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    // A reader of standard output that went away must not kill the simulator.
-    signal(SIGPIPE, SIG_IGN);
+    // from here on must have them blocked; a reader of standard output that
+    // went away must not kill the simulator.
+    const sigset_t stop_signals = velmora_signals::block_stop_signals();
 
     pilot_sim::command_line parsed;
     try {

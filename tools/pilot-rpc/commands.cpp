@@ -18,6 +18,7 @@
 #include "plugin/ServiceTopics.h"
 #include "recording.h"
 #include "rpc/rpc_client.h"
+#include "stop_signals.h"
 #include "typed_arguments.h"
 
 namespace pilot_rpc_tool {
@@ -86,10 +87,7 @@ exit_code report_answer(const tool_options& options, const std::string& body)
 /// Waits for SIGINT or SIGTERM, `done`, or the deadline, whichever comes first.
 void wait_for_end(const std::atomic<bool>& done, std::optional<steady::time_point> deadline)
 {
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
+    const sigset_t stop_signals = velmora_signals::stop_signal_set();
     // Short slices, so that `done` and the deadline are noticed promptly.
     const timespec slice{0, 100 * 1000 * 1000};
     while (!done.load()) {

@@ -1,7 +1,5 @@
 // pilot-rpc: a command-line client of the micro service's RPC link. See --help.
 
-#include <signal.h>
-
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -9,18 +7,14 @@
 
 #include "command_line.h"
 #include "commands.h"
+#include "stop_signals.h"
 
 int main(int argc, char** argv)
 {
     // SIGINT and SIGTERM end subscribe and record through sigtimedwait, so
-    // they are blocked before the client starts its I/O thread.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    // A closed pipe (pilot-rpc subscribe ... | head) ends output, not the process.
-    signal(SIGPIPE, SIG_IGN);
+    // they are blocked before the client starts its I/O thread; a closed pipe
+    // (pilot-rpc subscribe ... | head) ends output, not the process.
+    velmora_signals::block_stop_signals();
 
     pilot_rpc_tool::tool_options options;
     try {
