@@ -1,31 +1,24 @@
 // The station console in a real browser (Debian's headless Chromium driven by
 // playwright-core) against the real stack: mosquitto, pilot-sim and
-// velmora-host with the plug-in.
+// velmora-host with the plug-in. Environment: see session.mjs; the
+// screenshot is $VELMORA_ARTIFACTS/console.png.
 //
-//   node --test console.test.mjs
-//
-// Environment: VELMORA_HOST_BIN, VELMORA_PILOT_SIM, VELMORA_PILOT_PLUGIN (the
-// built programs), VELMORA_ARTIFACTS (where console.png goes), and optionally
-// VELMORA_CHROMIUM (default /usr/bin/chromium). Missing pieces fail the test
-// with the reason; nothing is skipped.
+//   node console.test.mjs
 
 import assert from "node:assert/strict";
-import { mkdirSync } from "node:fs";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
-import { after, before, test } from "node:test";
+import { test } from "node:test";
 
-import { Browser } from "./browser.mjs";
-import { GatewayStack, stationSn } from "./stack.mjs";
+import { browser, page, saveScreenshot, stack, useStackAndBrowser } from "./session.mjs";
+import { stationSn } from "./stack.mjs";
 
-const artifacts = process.env.VELMORA_ARTIFACTS || tmpdir();
 // Generous for a loaded two-core machine; the waits end as soon as the page shows it.
 const showBound = 15000;
 const token = "console-test-token";
 
-let stack;
-let browser;
-let page;
+// The console runs under a policy that allows nothing from elsewhere and no
+// framing; the page must work within it, so a refused load or script fails
+// every test.
+const withDiagnostics = useStackAndBrowser();
 
 const state = (id) => page.locator(`#${id}`).getAttribute("data-state");
 const waitState = (id, wanted, bound = showBound) =>
@@ -34,29 +27,8 @@ const waitStateNot = (id, unwanted, bound = showBound) =>
   page.waitForSelector(`#${id}:not([data-state="${unwanted}"])`, { timeout: bound });
 const cellText = (key) => page.locator(`#telemetry td[data-key="${key}"]`).textContent();
 
-function takeErrors() {
-  return browser.takeErrors();
-}
+const takeErrors = () => browser.takeErrors();
 
-before(async () => {
-  stack = new GatewayStack({
-    hostBin: process.env.VELMORA_HOST_BIN,
-    simBin: process.env.VELMORA_PILOT_SIM,
-    plugin: process.env.VELMORA_PILOT_PLUGIN,
-  });
-  await stack.start();
-  browser = await Browser.launch();
-  page = browser.page;
-});
-
-after(async () => {
-  await browser?.close();
-  await stack?.stop();
-});
-
-// The console runs under a policy that allows nothing from elsewhere and no
-// framing; the page must work within it, so a refused load or script fails
-// every test (withDiagnostics checks after each).
 function assertServedUnderPolicy(response) {
   assert.ok(response, "the console page was not loaded");
   const headers = response.headers();
@@ -65,17 +37,6 @@ function assertServedUnderPolicy(response) {
   assert.match(policy, /(^|;)\s*default-src 'self'\s*(;|$)/, given);
   assert.match(policy, /(^|;)\s*frame-ancestors 'none'\s*(;|$)/, given);
   assert.equal(headers["referrer-policy"], "no-referrer", "the console's Referrer-Policy");
-}
-
-// Any failure carries what the processes said.
-async function withDiagnostics(body) {
-  try {
-    await body();
-    assert.deepEqual(browser.violations.splice(0), [], "the page broke its own content security policy");
-  } catch (error) {
-    error.message += `\n${stack?.diagnostics() ?? ""}`;
-    throw error;
-  }
 }
 
 test("the page loads without console errors and shows the vehicle connected", () =>
@@ -157,8 +118,7 @@ test("a takeoff sent from the form shows the altitude climbing", () =>
     );
     assert.deepEqual(takeErrors(), []);
 
-    mkdirSync(artifacts, { recursive: true });
-    await page.screenshot({ path: join(artifacts, "console.png"), fullPage: true });
+    await saveScreenshot("console.png");
   }));
 
 test("with http.token set the page asks once and keeps the token for the tab", () =>

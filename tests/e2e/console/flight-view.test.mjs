@@ -5,19 +5,14 @@
 //
 //   node flight-view.test.mjs
 //
-// Environment as console.test.mjs; the screenshot goes to
+// Environment: see session.mjs; the screenshot goes to
 // $VELMORA_ARTIFACTS/flight-view.png and its path is printed.
 
 import assert from "node:assert/strict";
-import { mkdirSync } from "node:fs";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
-import { after, before, test } from "node:test";
+import { test } from "node:test";
 
-import { Browser } from "./browser.mjs";
-import { GatewayStack } from "./stack.mjs";
+import { page, saveScreenshot, stack, useStackAndBrowser } from "./session.mjs";
 
-const artifacts = process.env.VELMORA_ARTIFACTS || tmpdir();
 const showBound = 15000;
 // Take-off to 30 m and about 230 m at the simulator's 12 m/s take some 30 s.
 const flightBound = 90000;
@@ -29,36 +24,7 @@ const toleranceMetres = 5;
 const metresPerDegree = (6378137 * Math.PI) / 180;
 const metresPerDegreeLon = (lat) => metresPerDegree * Math.cos((lat * Math.PI) / 180);
 
-let stack;
-let browser;
-let page;
-
-before(async () => {
-  stack = new GatewayStack({
-    hostBin: process.env.VELMORA_HOST_BIN,
-    simBin: process.env.VELMORA_PILOT_SIM,
-    plugin: process.env.VELMORA_PILOT_PLUGIN,
-  });
-  await stack.start();
-  browser = await Browser.launch();
-  page = browser.page;
-});
-
-after(async () => {
-  await browser?.close();
-  await stack?.stop();
-});
-
-async function withDiagnostics(body) {
-  try {
-    await body();
-    assert.deepEqual(browser.violations.splice(0), [], "the page broke its own content security policy");
-    assert.deepEqual(browser.takeErrors(), []);
-  } catch (error) {
-    error.message += `\n${stack?.diagnostics() ?? ""}`;
-    throw error;
-  }
-}
+const withDiagnostics = useStackAndBrowser({ checkErrors: true });
 
 const cellNumber = async (key) => Number(await page.locator(`#telemetry td[data-key="${key}"]`).textContent());
 
@@ -242,11 +208,8 @@ test("the pushed route is flown and the drawn track passes every waypoint", () =
       assert.ok(p.east >= x && p.east <= x + width && -p.north >= y && -p.north <= y + height, `${JSON.stringify(p)} outside the view`);
     }
 
-    mkdirSync(artifacts, { recursive: true });
-    const screenshot = join(artifacts, "flight-view.png");
     await page.locator("#flight-section").scrollIntoViewIfNeeded();
-    await page.screenshot({ path: screenshot, fullPage: true });
-    console.log(`flight view screenshot: ${screenshot}`);
+    console.log(`flight view screenshot: ${await saveScreenshot("flight-view.png")}`);
   }));
 
 test("answers are judged by the service's code, and the plug-in's own refusals are shown as such", () =>

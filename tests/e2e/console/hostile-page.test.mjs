@@ -13,17 +13,16 @@
 //
 //   node hostile-page.test.mjs
 //
-// Environment as console.test.mjs. Foreign host names resolve to 127.0.0.1
+// Environment: see session.mjs. Foreign host names resolve to 127.0.0.1
 // inside Chromium only (--host-resolver-rules); no other traffic leaves
 // loopback.
 
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createServer } from "node:http";
-import { after, before, test } from "node:test";
+import { test } from "node:test";
 
-import { Browser } from "./browser.mjs";
-import { GatewayStack } from "./stack.mjs";
+import { browser, page, stack, useStackAndBrowser } from "./session.mjs";
 
 const attackBound = 5000;
 // An open stream that stays silent this long has shown nothing to the page.
@@ -33,9 +32,6 @@ const foreignSite = "evil-attacker.test";
 const rebindName = "evil-rebind.test";
 const hostilePage = readFileSync(new URL("./hostile-page.html", import.meta.url));
 
-let stack;
-let browser;
-let page;
 let attacker;
 /** Answers the browser received from the host during the current attempt. */
 let hostAnswers = [];
@@ -61,39 +57,22 @@ function closeServer(server) {
 
 const portOf = (server) => server.address().port;
 
-before(async () => {
-  stack = new GatewayStack({
-    hostBin: process.env.VELMORA_HOST_BIN,
-    simBin: process.env.VELMORA_PILOT_SIM,
-    plugin: process.env.VELMORA_PILOT_PLUGIN,
-  });
-  await stack.start();
-  hostOrigins.add(`127.0.0.1:${stack.httpPort}`);
-  attacker = await servePage();
-  browser = await Browser.launch({
-    args: [`--host-resolver-rules=MAP ${foreignSite} 127.0.0.1, MAP ${rebindName} 127.0.0.1`],
-  });
-  page = browser.page;
-  await browser.hearAnswers(({ method, url, status }) => {
-    const { host, pathname } = new URL(url);
-    if (hostOrigins.has(host)) hostAnswers.push(`${method} ${pathname}: ${status}`);
-  });
+// The hostile page runs into refusals on purpose: its console is not checked.
+const withDiagnostics = useStackAndBrowser({
+  browserArgs: [`--host-resolver-rules=MAP ${foreignSite} 127.0.0.1, MAP ${rebindName} 127.0.0.1`],
+  checkPolicy: false,
+  started: async () => {
+    hostOrigins.add(`127.0.0.1:${stack.httpPort}`);
+    attacker = await servePage();
+    await browser.hearAnswers(({ method, url, status }) => {
+      const { host, pathname } = new URL(url);
+      if (hostOrigins.has(host)) hostAnswers.push(`${method} ${pathname}: ${status}`);
+    });
+  },
+  stopping: async () => {
+    if (attacker?.listening) await closeServer(attacker);
+  },
 });
-
-after(async () => {
-  await browser?.close();
-  if (attacker?.listening) await closeServer(attacker);
-  await stack?.stop();
-});
-
-async function withDiagnostics(body) {
-  try {
-    await body();
-  } catch (error) {
-    error.message += `\n${stack?.diagnostics() ?? ""}`;
-    throw error;
-  }
-}
 
 async function openHostilePage(origin) {
   await page.goto(`${origin}/`, { timeout: pageBound });
