@@ -161,10 +161,7 @@ sender="{00000000-0000-4000-8000-00000000F00D}"
 curl -sf -m 5 -X POST "$base/host/bus" \
   -d "{\"to\":[\"$hello_guid\"],\"guid\":\"$sender\",\"api\":\"hello\",\"type\":\"request\",\"data\":{}}" > /dev/null \
   || fail "POST /host/bus was refused"
-for _ in $(seq 1 50); do
-  grep -q "\"to\":\[\"$sender\"\]" "$work/tap.txt" && break
-  sleep 0.1
-done
+poll 50 grep -q "\"to\":\[\"$sender\"\]" "$work/tap.txt" || true
 bus_answer="$(grep "\"to\":\[\"$sender\"\]" "$work/tap.txt" || true)"
 grep -q "\"guid\":\"$hello_guid\"" <<< "$bus_answer" || fail "no bus answer from hello: $(cat "$work/tap.txt")"
 grep -q '"msg":"hello from VelmoraPluginHello"' <<< "$bus_answer" || fail "hello's bus answer: $bus_answer"
@@ -186,30 +183,24 @@ if [ "$mode" = install ]; then
       > "$work/pkg-config.log" 2>&1 || fail "compiling the example with pkg-config's flags failed"
   pass "pkg-config velmora compiles and links the example"
 else
-  if command -v systemd-analyze > /dev/null; then
-    # Offline, against the unpacked root (its binaries and manual pages) plus
-    # the system's targets the units are ordered against.
-    verify_root="$work/verify-root"
-    cp -al "$work/root" "$verify_root"
-    cp -n /lib/systemd/system/*.target "$verify_root/usr/lib/systemd/system/" 2>/dev/null || true
-    verify_out="$(MANPATH="$verify_root/usr/share/man" systemd-analyze verify --root="$verify_root" \
-                  "$verify_root/usr/lib/systemd/system/velmora-host.service" \
-                  "$verify_root/usr/lib/systemd/system/pilot-sim.service" 2>&1)" || fail "systemd-analyze verify: $verify_out"
-    # Unknown or misspelt directives are only warned about: any word is a fault.
-    [ -z "$verify_out" ] || fail "systemd-analyze verify: $verify_out"
-    pass "systemd-analyze verify: both units clean"
-  else
-    echo "SKIP  systemd-analyze is not installed (scripts/install-deps.sh installs systemd); units not verified"
-  fi
-  if command -v lintian > /dev/null; then
-    lintian_status=0
-    lintian_out="$(lintian --fail-on error "${debs[@]}" 2>&1)" || lintian_status=$?
-    lintian_out="$(grep -v 'running with root privileges' <<< "$lintian_out" || true)"
-    [ "$lintian_status" -eq 0 ] || fail "lintian reports errors: $lintian_out"
-    pass "lintian: no errors${lintian_out:+; other tags: $(tr '\n' ';' <<< "$lintian_out")}"
-  else
-    echo "SKIP  lintian is not installed (scripts/install-deps.sh installs it); packages not checked"
-  fi
+  command -v systemd-analyze > /dev/null || fail "systemd-analyze is not installed (scripts/install-deps.sh installs systemd)"
+  command -v lintian > /dev/null || fail "lintian is not installed (scripts/install-deps.sh installs it)"
+  # Offline, against the unpacked root (its binaries and manual pages) plus
+  # the system's targets the units are ordered against.
+  verify_root="$work/verify-root"
+  cp -al "$work/root" "$verify_root"
+  cp -n /lib/systemd/system/*.target "$verify_root/usr/lib/systemd/system/" 2>/dev/null || true
+  verify_out="$(MANPATH="$verify_root/usr/share/man" systemd-analyze verify --root="$verify_root" \
+                "$verify_root/usr/lib/systemd/system/velmora-host.service" \
+                "$verify_root/usr/lib/systemd/system/pilot-sim.service" 2>&1)" || fail "systemd-analyze verify: $verify_out"
+  # Unknown or misspelt directives are only warned about: any word is a fault.
+  [ -z "$verify_out" ] || fail "systemd-analyze verify: $verify_out"
+  pass "systemd-analyze verify: both units clean"
+  lintian_status=0
+  lintian_out="$(lintian --fail-on error "${debs[@]}" 2>&1)" || lintian_status=$?
+  lintian_out="$(grep -v 'running with root privileges' <<< "$lintian_out" || true)"
+  [ "$lintian_status" -eq 0 ] || fail "lintian reports errors: $lintian_out"
+  pass "lintian: no errors${lintian_out:+; other tags: $(tr '\n' ';' <<< "$lintian_out")}"
 fi
 
 echo "package flow ($mode) passed in $((SECONDS - started_at)) s"

@@ -7,14 +7,23 @@
 
 pids=()
 
+# Runs "$2..." every 0.1 s until it succeeds, at most $1 times.
+poll() {
+  local tries="$1" i
+  shift
+  for ((i = 0; i < tries; i++)); do "$@" && return 0; sleep 0.1; done
+  return 1
+}
+
+gone() { ! kill -0 "$1" 2>/dev/null; }
+
 stop_started() {
   local pid
   for pid in "${pids[@]}"; do
     kill -TERM "$pid" 2>/dev/null || true
   done
   for pid in "${pids[@]}"; do
-    for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    kill -KILL "$pid" 2>/dev/null || true
+    poll 50 gone "$pid" || kill -KILL "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   done
   pids=()
@@ -66,11 +75,7 @@ start_broker() {
     "$mosquitto" -c "$work/mosquitto.conf" > "$work/mosquitto.log" 2>&1 &
     local pid=$!
     pids+=("$pid")
-    for _ in $(seq 1 50); do
-      port_in_use "$broker_port" && return 0
-      kill -0 "$pid" 2>/dev/null || break
-      sleep 0.1
-    done
+    poll 50 eval 'port_in_use "$broker_port" || gone "$pid"' && port_in_use "$broker_port" && return 0
   done
   fail "mosquitto did not start"
 }
@@ -88,19 +93,14 @@ start_sim() {  # pilot-sim
   sim_port="${line##*:}"
 }
 
-# The simulator's count of requests forwarded to it.
+# The simulator's count of requests forwarded to it, from its status command.
 sim_forwarded() {
   local before
   before="$(grep -c "forwarded request(s)" "$work/sim.out" || true)"
   echo status >&7
-  for _ in $(seq 1 50); do
-    if [ "$(grep -c "forwarded request(s)" "$work/sim.out" || true)" -gt "$before" ]; then
-      grep "forwarded request(s)" "$work/sim.out" | tail -n 1 | sed -E 's/.*, ([0-9]+) forwarded request\(s\).*/\1/'
-      return 0
-    fi
-    sleep 0.1
-  done
-  fail "pilot-sim did not answer the status command"
+  poll 50 eval '[ "$(grep -c "forwarded request(s)" "$work/sim.out")" -gt "$before" ]' \
+    || fail "pilot-sim did not answer the status command"
+  grep "forwarded request(s)" "$work/sim.out" | tail -n 1 | sed -E 's/.*, ([0-9]+) forwarded request\(s\).*/\1/'
 }
 
 # Starts velmora-host without LD_LIBRARY_PATH: the installed RUNPATHs alone
@@ -119,22 +119,18 @@ start_host() {  # velmora-host config expected-ready-line
 stop_host() {
   kill -TERM "$host_pid"
   local status=0
-  for _ in $(seq 1 100); do kill -0 "$host_pid" 2>/dev/null || break; sleep 0.1; done
+  poll 100 gone "$host_pid" || true
   wait "$host_pid" || status=$?
   [ "$status" -eq 0 ] || fail "velmora-host ended with status $status after SIGTERM"
 }
 
 health() { curl -sf -m 5 "$base/host/health"; }
 
+health_matches() { health | grep -Eq "$1"; }
+
 # Polls the health report until it matches the extended regular expression
 # $1 (bounded: 20 s).
-wait_for_health() {
-  for _ in $(seq 1 100); do
-    health | grep -Eq "$1" && return 0
-    sleep 0.2
-  done
-  return 1
-}
+wait_for_health() { poll 200 health_matches "$1"; }
 
 # A host configuration: the broker, loopback HTTP on a port of the kernel's
 # choice, and the plug-in entries given as JSON objects.

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +9,8 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+
+#include "support/SpawnLogged.h"
 
 namespace vlm::test {
 
@@ -30,38 +31,19 @@ ToolRun::ToolRun(std::vector<std::string> args, const std::string& dir)
     const std::string stem = dir + "/run" + std::to_string(++runNumber);
     outPath = stem + ".out";
     errPath = stem + ".err";
-    // Everything the child needs is prepared before fork: after it, only
-    // async-signal-safe calls.
-    std::vector<char*> argv;
-    for (auto& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // The shell sends standard error to a file of its own, then becomes the
+    // program: same process id, same signals.
+    args.insert(args.begin(), {"/bin/sh", "-c", "exec \"$@\" 2>\"$0\"", errPath});
     const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (out < 0 || err < 0 || in < 0)
-        throw std::runtime_error("cannot open the output files in " + dir);
-    const pid_t parent = ::getpid();
-    child = ::fork();
-    if (child == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent)
-            ::_exit(127);
-        ::dup2(out, STDOUT_FILENO);
-        ::dup2(err, STDERR_FILENO);
-        ::dup2(in, STDIN_FILENO);
-        // The test's own blocked signals must not carry over.
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
+    if (in < 0)
+        throw std::runtime_error("cannot open /dev/null");
+    try {
+        child = spawnLogged(args, outPath, true, in);
+    } catch (...) {
+        ::close(in);
+        throw;
     }
-    ::close(out);
-    ::close(err);
     ::close(in);
-    if (child < 0)
-        throw std::runtime_error("fork failed");
 }
 
 ToolRun::~ToolRun()

@@ -26,13 +26,8 @@ TEST(PilotRpcCommandLine, AddressesAreNumericWithAPort)
     EXPECT_EQ(parse_service_address("[::1]:7701").host, "::1");
     EXPECT_EQ(parse_service_address("::1:7702").host, "::1");
     EXPECT_EQ(parse_service_address("::1:7702").port, 7702);
-    try {
-        parse_service_address("localhost:7700");
-        FAIL() << "a name was accepted";
-    } catch (const usage_error& e) {
-        EXPECT_NE(std::string(e.what()).find("\"localhost\" is not a numeric address"), std::string::npos) << e.what();
-    }
-    for (const char* bad : {"127.0.0.1", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:-1",
+    // A name's refusal text is checked on the real program.
+    for (const char* bad : {"localhost:7700", "127.0.0.1", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:-1",
                             "127.0.0.1:77x", "[::1]7700", ":7700", "300.0.0.1:7700"})
         EXPECT_THROW(parse_service_address(bad), usage_error) << bad;
 }
@@ -89,10 +84,9 @@ TEST(PilotRpcArguments, BadTypedValuesNameTheArgument)
             EXPECT_EQ(std::string(e.what()), "argument 2 \"" + text + "\" " + why);
         }
     };
-    expectRefused(argument_kind::integer, "5.5", "is not a whole number from -9223372036854775808 to 9223372036854775807");
-    expectRefused(argument_kind::integer, "99999999999999999999",
-                  "is not a whole number from -9223372036854775808 to 9223372036854775807");
-    expectRefused(argument_kind::integer, "", "is not a whole number from -9223372036854775808 to 9223372036854775807");
+    for (const char* notWhole : {"5.5", "99999999999999999999", ""})
+        expectRefused(argument_kind::integer, notWhole,
+                      "is not a whole number from -9223372036854775808 to 9223372036854775807");
     expectRefused(argument_kind::boolean, "yes", "is neither true nor false");
     expectRefused(argument_kind::json, "{\"a\":", "is not valid JSON");
     expectRefused(argument_kind::json, "[1,]", "is not valid JSON");

@@ -8,20 +8,17 @@
 #include <sstream>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "recording.h"
 #include "rpc/codec.h"
 #include "rpc/service/rpc_service.h"
-#include "support/TempDir.h"
-#include "tools/ToolRun.h"
+#include "tools/ToolTest.h"
 
 namespace vlm::test {
 namespace {
 
 using namespace std::chrono_literals;
 
-class PilotRpcAgainstPeer : public ::testing::Test {
+class PilotRpcAgainstPeer : public ToolTest {
 protected:
     void SetUp() override
     {
@@ -41,12 +38,6 @@ protected:
         address = "127.0.0.1:" + std::to_string(port);
     }
 
-    ToolResult tool(std::vector<std::string> args, std::chrono::milliseconds timeout = 10s)
-    {
-        args.insert(args.begin(), PILOT_RPC_PATH);
-        return runTool(args, dir.path, timeout);
-    }
-
     /// The decoded arguments of the last call of `name` the service received.
     std::string lastArguments()
     {
@@ -57,7 +48,6 @@ protected:
         return "";
     }
 
-    TempDir dir;
     pilot_rpc::rpc_service service;
     unsigned short port = 0;
     std::string address;
@@ -72,72 +62,55 @@ TEST_F(PilotRpcAgainstPeer, EachArgumentTypeArrivesAsTyped)
     EXPECT_EQ(result.out, expected + "\n");
     EXPECT_EQ(lastArguments(), expected);
     EXPECT_EQ(result.err, "");
-
-    // No arguments at all is an empty array, not a missing body.
-    const auto none = tool({"call", address, "echo"});
-    EXPECT_EQ(none.exitCode, 0) << none.err;
-    EXPECT_EQ(none.out, "[]\n");
 }
 
-TEST_F(PilotRpcAgainstPeer, ValuesPrintAsJsonAndJsonOutputCarriesTheCode)
+// What a script sees of each outcome: the exit code and exactly what went to
+// standard output and error.
+TEST_F(PilotRpcAgainstPeer, EachOutcomeHasItsOwnExitCodeAndExactOutput)
 {
-    const auto plain = tool({"call", address, "settings"});
-    EXPECT_EQ(plain.exitCode, 0) << plain.err;
-    EXPECT_EQ(plain.out, "{\"hz\":5}\n");
-    const auto json = tool({"--json", "call", address, "echo", "x"});
-    EXPECT_EQ(json.exitCode, 0) << json.err;
-    EXPECT_EQ(json.out, "{\"code\":0,\"value\":\"[\\\"x\\\"]\"}\n");
-}
-
-TEST_F(PilotRpcAgainstPeer, AnErrorAnswerExitsOneWithItsCodeAndMessage)
-{
-    const auto result = tool({"call", address, "refuse", "x"});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "pilot-rpc: refuse answered error 4001: vehicle not connected\n");
-
-    const auto json = tool({"call", "--json", address, "refuse"});
-    EXPECT_EQ(json.exitCode, 1);
-    EXPECT_EQ(json.out, "{\"code\":4001,\"value\":\"vehicle not connected\"}\n");
-
-    const auto unbound = tool({"call", address, "nobodyHome"});
-    EXPECT_EQ(unbound.exitCode, 1);
-    EXPECT_EQ(unbound.err, std::string("pilot-rpc: nobodyHome answered error 1: ") +
-                               pilot_rpc::rpc_service::unbound_text + "\n");
-}
-
-TEST_F(PilotRpcAgainstPeer, NoAnswerInTimeExitsFour)
-{
-    const auto result = tool({"call", address, "silent", "--timeout", "0.3"});
-    EXPECT_EQ(result.exitCode, 4);
-    EXPECT_EQ(result.err, "pilot-rpc: no answer to silent from " + address + " within 0.3 s\n");
-    // The request did go out: the service saw it.
-    EXPECT_EQ(lastArguments(), "[]");
-}
-
-TEST_F(PilotRpcAgainstPeer, UnreachableNonNumericAndBadArgumentsExitWithTheirOwnCodes)
-{
-    // A port nobody listens on any more.
-    pilot_rpc::rpc_service gone;
-    const unsigned short closed = gone.start(0);
-    gone.stop();
-    const auto unreachable = tool({"call", "127.0.0.1:" + std::to_string(closed), "echo", "--timeout", "1"});
-    EXPECT_EQ(unreachable.exitCode, 3);
-    EXPECT_EQ(unreachable.err, "pilot-rpc: cannot reach 127.0.0.1:" + std::to_string(closed) +
-                                   ": no connection within 1 s (is the service running and listening there?)\n");
-
-    const auto named = tool({"call", "localhost:" + std::to_string(port), "echo"});
-    EXPECT_EQ(named.exitCode, 2);
-    EXPECT_NE(named.err.find("\"localhost\" is not a numeric address: the service link takes numeric IPv4 or "
-                             "IPv6 addresses only"),
-              std::string::npos)
-        << named.err;
-
-    const auto badJson = tool({"call", address, "echo", "-j", "{oops"});
-    EXPECT_EQ(badJson.exitCode, 2);
-    EXPECT_EQ(badJson.err, "pilot-rpc: argument 1 \"{oops\" is not valid JSON (see pilot-rpc --help)\n");
+    struct Outcome {
+        std::vector<std::string> args;
+        int exitCode;
+        std::string out;
+        std::string err;
+    };
+    const auto expectOutcome = [&](const Outcome& wanted) {
+        SCOPED_TRACE(::testing::PrintToString(wanted.args));
+        const auto result = tool(wanted.args);
+        EXPECT_EQ(result.exitCode, wanted.exitCode);
+        EXPECT_EQ(result.out, wanted.out);
+        EXPECT_EQ(result.err, wanted.err);
+    };
+    expectOutcome({{"call", "localhost:" + std::to_string(port), "echo"}, 2, "",
+                   "pilot-rpc: \"localhost\" is not a numeric address: the service link takes numeric IPv4 or IPv6 "
+                   "addresses only, e.g. 127.0.0.1 or ::1 (see pilot-rpc --help)\n"});
+    expectOutcome({{"call", address, "echo", "-j", "{oops"}, 2, "",
+                   "pilot-rpc: argument 1 \"{oops\" is not valid JSON (see pilot-rpc --help)\n"});
     // Nothing was sent for a refused command line.
     EXPECT_EQ(service.accepted_count(), 0u);
+
+    pilot_rpc::rpc_service gone;
+    const std::string closed = "127.0.0.1:" + std::to_string(gone.start(0));
+    gone.stop();
+    const std::string refusal = "pilot-rpc: refuse answered error 4001: vehicle not connected\n";
+    for (const Outcome& wanted : std::vector<Outcome>{
+             // No arguments at all is an empty array, not a missing body.
+             {{"call", address, "echo"}, 0, "[]\n", ""},
+             {{"call", address, "settings"}, 0, "{\"hz\":5}\n", ""},
+             {{"--json", "call", address, "echo", "x"}, 0, "{\"code\":0,\"value\":\"[\\\"x\\\"]\"}\n", ""},
+             {{"call", address, "refuse", "x"}, 1, "", refusal},
+             {{"call", "--json", address, "refuse"}, 1, "{\"code\":4001,\"value\":\"vehicle not connected\"}\n", refusal},
+             {{"call", address, "nobodyHome"}, 1, "",
+              std::string("pilot-rpc: nobodyHome answered error 1: ") + pilot_rpc::rpc_service::unbound_text + "\n"},
+             {{"call", address, "silent", "unanswered", "--timeout", "0.3"}, 4, "",
+              "pilot-rpc: no answer to silent from " + address + " within 0.3 s\n"},
+             {{"call", closed, "echo", "--timeout", "1"}, 3, "",
+              "pilot-rpc: cannot reach " + closed +
+                  ": no connection within 1 s (is the service running and listening there?)\n"},
+         })
+        expectOutcome(wanted);
+    // The unanswered request did go out: the service saw it.
+    EXPECT_EQ(lastArguments(), R"(["unanswered"])");
 
     const auto help = tool({"--help"});
     EXPECT_EQ(help.exitCode, 0);
@@ -145,22 +118,24 @@ TEST_F(PilotRpcAgainstPeer, UnreachableNonNumericAndBadArgumentsExitWithTheirOwn
     EXPECT_EQ(tool({}).exitCode, 2);
 }
 
-TEST_F(PilotRpcAgainstPeer, SubscribePrintsOneLinePerEventOnItsTopicsOnly)
+// Its --count and --json output are checked against pilot-sim.
+TEST_F(PilotRpcAgainstPeer, SubscribePrintsOneLinePerEventOnItsTopicsOnlyUntilSigint)
 {
-    ToolRun run({PILOT_RPC_PATH, "subscribe", address, "alpha", "beta", "--count", "3"}, dir.path);
+    ToolRun run({PILOT_RPC_PATH, "subscribe", address, "alpha", "beta"}, dir.path);
     ASSERT_TRUE(service.wait_for_subscriber("alpha", 5s));
     ASSERT_TRUE(service.wait_for_subscriber("beta", 5s));
     service.publish("gamma", "not asked for");
     service.publish("alpha", "one two");
     service.publish("beta", "{\"k\":1}");
     service.publish("alpha", "three");
-    service.publish("alpha", "after the count");
+    // The lines are out before the signal, so the run cannot end without them.
+    for (int i = 0; i < 500 && lines(run.outputSoFar()).size() < 3; ++i)
+        std::this_thread::sleep_for(10ms);
+    run.signal(SIGINT);
     const auto result = run.finish(5s);
+    EXPECT_FALSE(result.killed);
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    std::istringstream lines(result.out);
-    std::vector<std::string> got;
-    for (std::string line; std::getline(lines, line);)
-        got.push_back(line);
+    const auto got = lines(result.out);
     ASSERT_EQ(got.size(), 3u) << result.out;
     const std::regex shape(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (alpha|beta) .*)");
     for (const auto& line : got)
@@ -168,25 +143,6 @@ TEST_F(PilotRpcAgainstPeer, SubscribePrintsOneLinePerEventOnItsTopicsOnly)
     EXPECT_EQ(got[0].substr(25), "alpha one two");
     EXPECT_EQ(got[1].substr(25), "beta {\"k\":1}");
     EXPECT_EQ(got[2].substr(25), "alpha three");
-}
-
-TEST_F(PilotRpcAgainstPeer, SubscribeEndsCleanlyOnSigint)
-{
-    ToolRun run({PILOT_RPC_PATH, "subscribe", "--json", address, "alpha"}, dir.path);
-    ASSERT_TRUE(service.wait_for_subscriber("alpha", 5s));
-    service.publish("alpha", "x");
-    // The line is out before the signal, so the run cannot end without it.
-    for (int i = 0; i < 500 && run.outputSoFar().empty(); ++i)
-        std::this_thread::sleep_for(10ms);
-    run.signal(SIGINT);
-    const auto result = run.finish(5s);
-    EXPECT_FALSE(result.killed);
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    std::string why;
-    const auto event = velmora_recording::parse_record_line(result.out.substr(0, result.out.find('\n')), why);
-    ASSERT_TRUE(event) << why << ": " << result.out;
-    EXPECT_EQ(event->topic, "alpha");
-    EXPECT_EQ(event->data, "x");
 }
 
 TEST_F(PilotRpcAgainstPeer, RecordWritesEveryTopicWithItsTimeUntilTheDuration)

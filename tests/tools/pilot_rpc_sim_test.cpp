@@ -1,18 +1,15 @@
-// pilot-rpc against the real pilot-sim program: a call, a subscription, and a
-// flight recorded from one simulator and played back by another.
+// pilot-rpc against the real pilot-sim program: calls, and a flight recorded
+// from one simulator and played back by another, heard by a subscription.
 
 #include <signal.h>
 
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <thread>
 
-#include <gtest/gtest.h>
-
+#include "plugin/ServiceTopics.h"
 #include "recording.h"
-#include "support/TempDir.h"
-#include "tools/ToolRun.h"
+#include "tools/ToolTest.h"
 
 namespace vlm::test {
 namespace {
@@ -47,63 +44,23 @@ public:
     unsigned short port = 0;
 };
 
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
-}
-
-class PilotRpcAgainstSim : public ::testing::Test {
-protected:
-    ToolResult tool(std::vector<std::string> args, std::chrono::milliseconds timeout = 10s)
-    {
-        args.insert(args.begin(), PILOT_RPC_PATH);
-        return runTool(args, dir.path, timeout);
-    }
-
-    TempDir dir;
-};
-
-TEST_F(PilotRpcAgainstSim, CallsAndSubscriptionsReachTheSimulator)
-{
-    SimProcess sim({"--telemetry-hz", "20"}, dir.path);
-    ASSERT_NE(sim.port, 0) << sim.run->outputSoFar();
-
-    const auto pilot = tool({"call", sim.address(), "getStringConfig", "vehicle.pilot_id"});
-    EXPECT_EQ(pilot.exitCode, 0) << pilot.err;
-    EXPECT_EQ(pilot.out, "SIM-UAV-0001\n");
-    const auto handshake = tool({"--json", "call", sim.address(), "reportRPCSub", "-b", "true"});
-    EXPECT_EQ(handshake.exitCode, 0) << handshake.err;
-    EXPECT_EQ(handshake.out, "{\"code\":0,\"value\":true}\n");
-
-    const auto telemetry = tool({"subscribe", sim.address(), "pushTelemetry", "--count", "3", "--json"});
-    ASSERT_EQ(telemetry.exitCode, 0) << telemetry.err;
-    const auto got = lines(telemetry.out);
-    ASSERT_EQ(got.size(), 3u);
-    long long previousSeq = -1;
-    for (const auto& line : got) {
-        std::string why;
-        const auto event = velmora_recording::parse_record_line(line, why);
-        ASSERT_TRUE(event) << why << ": " << line;
-        EXPECT_EQ(event->topic, "pushTelemetry");
-        std::smatch seq;
-        ASSERT_TRUE(std::regex_search(event->data, seq, std::regex(R"("seq":(\d+))"))) << event->data;
-        EXPECT_GT(std::stoll(seq[1]), previousSeq);
-        previousSeq = std::stoll(seq[1]);
-    }
-}
+using PilotRpcAgainstSim = ToolTest;
 
 TEST_F(PilotRpcAgainstSim, ARecordedFlightIsPlayedBackInOrderAndAgainWhenLooping)
 {
     const std::string flight = dir.file("flight.jsonl");
     {
         SimProcess source({"--telemetry-hz", "20"}, dir.path);
-        ASSERT_NE(source.port, 0);
+        ASSERT_NE(source.port, 0) << source.run->outputSoFar();
         const auto recorded = tool({"record", source.address(), "--out", flight, "--duration", "1.2"});
         ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
+
+        const auto pilot = tool({"call", source.address(), "getStringConfig", "vehicle.pilot_id"});
+        EXPECT_EQ(pilot.exitCode, 0) << pilot.err;
+        EXPECT_EQ(pilot.out, "SIM-UAV-0001\n");
+        const auto handshake = tool({"--json", "call", source.address(), "reportRPCSub", "-b", "true"});
+        EXPECT_EQ(handshake.exitCode, 0) << handshake.err;
+        EXPECT_EQ(handshake.out, "{\"code\":0,\"value\":true}\n");
     }
     const auto recording = velmora_recording::load_recording(flight, nullptr);
     ASSERT_GE(recording.events.size(), 10u);
@@ -111,32 +68,29 @@ TEST_F(PilotRpcAgainstSim, ARecordedFlightIsPlayedBackInOrderAndAgainWhenLooping
 
     SimProcess replay({"--replay", flight, "--speed", "4", "--loop"}, dir.path);
     ASSERT_NE(replay.port, 0) << replay.run->outputSoFar();
+    // Every topic the plug-in takes: the simulator must add nothing of its
+    // own to the flight, no telemetry, no heartbeats.
     const std::size_t wanted = recording.events.size() + 2;
-    ToolRun subscriber({PILOT_RPC_PATH, "record", replay.address(), "--out", dir.file("replayed.jsonl"),
-                        "--duration", "8"},
-                       dir.path);
+    std::vector<std::string> subscribe{PILOT_RPC_PATH, "--json", "subscribe", replay.address()};
+    subscribe.insert(subscribe.end(), std::begin(serviceTopics::beforeApis), std::end(serviceTopics::beforeApis));
+    subscribe.insert(subscribe.end(), {serviceTopics::vehicleOnlineStatus, "--count", std::to_string(wanted)});
+    ToolRun subscriber(subscribe, dir.path);
     // Calls are answered while the flight plays.
     const auto during = tool({"call", replay.address(), "getStringConfig", "vehicle.pilot_id"});
     EXPECT_EQ(during.exitCode, 0) << during.err;
 
-    std::vector<velmora_recording::recorded_event> played;
-    for (int i = 0; i < 800 && played.size() < wanted; ++i) {
-        std::this_thread::sleep_for(10ms);
-        try {
-            played = velmora_recording::load_recording(dir.file("replayed.jsonl"), nullptr).events;
-        } catch (const std::runtime_error&) {
-            // Nothing written yet.
-        }
-    }
-    subscriber.signal(SIGTERM);
-    EXPECT_EQ(subscriber.finish(5s).exitCode, 0);
-    ASSERT_GE(played.size(), wanted);
-    // The whole flight in its order, then the start of the next round. The
-    // simulator adds nothing of its own: no telemetry, no heartbeats.
+    const auto heard = subscriber.finish(20s);
+    ASSERT_EQ(heard.exitCode, 0) << heard.err;
+    const auto played = lines(heard.out);
+    ASSERT_EQ(played.size(), wanted) << heard.out;
+    // The whole flight in its order, then the start of the next round.
     for (std::size_t i = 0; i < wanted; ++i) {
+        std::string why;
+        const auto event = velmora_recording::parse_record_line(played[i], why);
+        ASSERT_TRUE(event) << why << ": " << played[i];
         const auto& original = recording.events[i % recording.events.size()];
-        EXPECT_EQ(played[i].topic, original.topic) << i;
-        EXPECT_EQ(played[i].data, original.data) << i;
+        EXPECT_EQ(event->topic, original.topic) << i;
+        EXPECT_EQ(event->data, original.data) << i;
     }
 }
 
