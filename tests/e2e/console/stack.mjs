@@ -182,11 +182,6 @@ export class GatewayStack {
     return Number(count[1]);
   }
 
-  async restartSim() {
-    await this.sim.stop("SIGKILL");
-    return this.startSim(this.simPort);
-  }
-
   /** Starts the host on `port` (0: the kernel's choice) with the plug-in. */
   async startHost({ token = this.token, port = 0 } = {}) {
     this.token = token;
@@ -210,18 +205,6 @@ export class GatewayStack {
   async stopHost() {
     const result = await this.host.stop();
     if (result.code !== 0) throw new Error(`velmora-host stopped with ${JSON.stringify(result)}:\n${this.host.output}`);
-  }
-
-  /** GET or POST on the host with the token; the parsed JSON answer or null. */
-  async json(path, options = {}) {
-    const headers = { ...(options.headers || {}) };
-    if (this.token) headers.Authorization = `Bearer ${this.token}`;
-    try {
-      const response = await fetch(this.base + path, { ...options, headers, signal: AbortSignal.timeout(5000) });
-      return response.ok ? await response.json() : null;
-    } catch {
-      return null;
-    }
   }
 
   async stop() {
