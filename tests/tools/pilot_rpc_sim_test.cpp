@@ -65,6 +65,17 @@ TEST_F(PilotRpcAgainstSim, ARecordedFlightIsPlayedBackInOrderAndAgainWhenLooping
     const auto recording = velmora_recording::load_recording(flight, nullptr);
     ASSERT_GE(recording.events.size(), 10u);
     EXPECT_EQ(recording.bad_lines, 0u);
+    // The simulator's telemetry, as pilot-rpc heard it, counts up.
+    long long previousSeq = -1;
+    for (const auto& event : recording.events) {
+        std::smatch seq;
+        if (event.topic != "pushTelemetry")
+            continue;
+        ASSERT_TRUE(std::regex_search(event.data, seq, std::regex(R"("seq":(\d+))"))) << event.data;
+        EXPECT_GT(std::stoll(seq[1]), previousSeq);
+        previousSeq = std::stoll(seq[1]);
+    }
+    EXPECT_GE(previousSeq, 0) << "no telemetry was recorded";
 
     SimProcess replay({"--replay", flight, "--speed", "4", "--loop"}, dir.path);
     ASSERT_NE(replay.port, 0) << replay.run->outputSoFar();
