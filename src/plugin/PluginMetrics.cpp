@@ -164,7 +164,7 @@ void describeDrops(Report& report, const std::vector<Instance>& all)
         report.sample("error_echoes_trimmed_total", instance.service, "", instance.state->errorEchoesTrimmed.load());
     report.declare("outbound_dropped_total", "counter", "Publications the outbound queue dropped, by class.");
     for (const auto& instance : all) {
-        const OutboundDrops drops = instance.state->outbound.dropped();
+        const OutboundDrops drops = instance.state->outboundDrops();
         report.sample("outbound_dropped_total", instance.service, "class=\"stale_telemetry\"",
                       drops.of(OutboundClass::staleTelemetry));
         report.sample("outbound_dropped_total", instance.service, "class=\"event\"", drops.of(OutboundClass::event));
