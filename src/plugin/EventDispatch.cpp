@@ -263,8 +263,8 @@ void PilotControlP::startPublicationDrain()
             }
         },
         OutboundClass::answer);
-    // Refused (the worker stops, or is full of answers): what is queued goes
-    // out with the next event's drain.
+    // Refused (the worker stops), or later dropped from a queue full of
+    // answers: what is queued goes out with the next event's drain.
     if (!posted)
         impl->drainPosted = false;
 }

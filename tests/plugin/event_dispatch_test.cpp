@@ -2,6 +2,7 @@
 #include <future>
 #include <vector>
 
+#include "LinkHealth.h"
 #include "PluginFixture.h"
 #include "ThreadPool.h"
 #include "support/LogCapture.h"
@@ -223,6 +224,19 @@ TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
     for (const auto& p : mqtt->publications())
         order.push_back(parseObject(p.payload)->getObject("message")->getValue<int>("seq"));
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
+// The ordered sequence's drops count where the outbound worker's do.
+TEST_F(EventDispatch, DroppedWrappedEventsCountInTheHealthReport)
+{
+    for (int i = 0; i < 1025; ++i)  // one past the telemetry bound, nothing draining
+        state().publications.push([] {}, vlm::OutboundClass::staleTelemetry, 1);
+    auto instances = parseObject(vlm::describeLinkHealth())->getArray("instances");
+    ASSERT_TRUE(instances && instances->size() > 0);
+    auto counters = instances->getObject(static_cast<unsigned>(instances->size() - 1))->getObject("counters");
+    EXPECT_EQ(counters->getValue<int>("stale_telemetry_dropped"), 1);
+    EXPECT_EQ(counters->getValue<int>("event_publications_dropped"), 0);
+    state().publications.drain();
 }
 
 TEST_F(EventDispatch, FireSearchInfoIsARequestToTheEdgeMaster)
