@@ -217,18 +217,56 @@ void PilotControlP::wrapAndPublishEvent(const std::string& topic, const std::str
             return;
         self->publishMessage(payload, groundTopic, topic);
     };
+    // A drop is counted and logged by the sequence's queue.
+    impl->publications.push(std::move(publish),
+                            apiNumber(topic) == api::pushTelemetry ? OutboundClass::staleTelemetry
+                                                                   : OutboundClass::event,
+                            payloadBytes);
+    startPublicationDrain();
+}
+
+void PilotControlP::startPublicationDrain()
+{
+    // Whichever thread drains, the sequence runs one publication at a time in
+    // arrival order; the drain holds the plug-in only while it runs.
+    std::weak_ptr<PilotControlP> weakSelf = impl->self;
     ThreadPool& pool = ThreadPool::defaultPool();
     if (pool.hasFreeThread()) {
         try {
-            pool.start(publish);
+            pool.start([weakSelf] {
+                if (auto self = weakSelf.lock())
+                    self->impl->publications.drain();
+            });
             return;
         } catch (const Poco::NoThreadAvailableException&) {
             // Taken between the check and the start: fall through to the worker.
         }
     }
-    impl->outbound.post(std::move(publish),
-                        apiNumber(topic) == api::pushTelemetry ? OutboundClass::staleTelemetry : OutboundClass::event,
-                        payloadBytes);
+    // The RPC I/O thread must not wait for the broker: the worker drains.
+    // One drain waiting there is enough, as it takes everything queued by the
+    // time it runs.
+    if (impl->drainPosted.exchange(true))
+        return;
+    // Lowers the flag when the posted drain is gone, run or dropped from a
+    // full queue, so a lost drain never stops later ones being posted.
+    std::shared_ptr<void> ticket(nullptr, [weakSelf](void*) {
+        if (auto self = weakSelf.lock())
+            self->impl->drainPosted = false;
+    });
+    const bool posted = impl->outbound.post(
+        [weakSelf, ticket = std::move(ticket)] {
+            if (auto self = weakSelf.lock()) {
+                // Lowered before draining: an event queued from here on
+                // posts a drain of its own rather than count on this one.
+                self->impl->drainPosted = false;
+                self->impl->publications.drain();
+            }
+        },
+        OutboundClass::answer);
+    // Refused (the worker stops), or later dropped from a queue full of
+    // answers: what is queued goes out with the next event's drain.
+    if (!posted)
+        impl->drainPosted = false;
 }
 
 } // namespace vlm

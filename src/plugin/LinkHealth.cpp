@@ -76,7 +76,7 @@ Poco::JSON::Object::Ptr describeInstance(const PilotControlPImpl& state)
     links->set("subscription", describeLink(state.subscriptionClient()));
     entry->set("links", links);
 
-    const OutboundDrops drops = state.outbound.dropped();
+    const OutboundDrops drops = state.outboundDrops();
     Poco::JSON::Object::Ptr counters = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
     counters->set("oversize_requests_refused", static_cast<Poco::UInt64>(state.oversizeRequestsRefused.load()));
     counters->set("error_echoes_trimmed", static_cast<Poco::UInt64>(state.errorEchoesTrimmed.load()));

@@ -115,6 +115,8 @@ private:
     void dispatchServiceEvent(const std::string& topic, std::string_view data);
     void cacheServiceEvent(int apiNumber, const std::string& text);
     void wrapAndPublishEvent(const std::string& topic, const std::string& text);
+    /// Drains the wrapped events' sequence on a free pool thread, else on the outbound worker.
+    void startPublicationDrain();
     void publishMessage(const std::string& payload, const std::string& topic, const std::string& api);
 
     // Link type.

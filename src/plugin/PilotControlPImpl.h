@@ -10,6 +10,7 @@
 
 #include "ForwardMetrics.h"
 #include "OutboundWorker.h"
+#include "PublishSequence.h"
 
 namespace pilot_rpc {
 class rpc_client;
@@ -70,8 +71,16 @@ struct PilotControlPImpl {
     std::string lastUpdateProgress;
     std::string lastMagCompassCali;
 
-    /// Publishing work handed off by the RPC I/O threads when the host pool
-    /// has no free thread (and for the direct publications of the dispatch).
+    /// The service's wrapped events, in the order they arrived, until a pool
+    /// thread (or the outbound worker) drains them.
+    PublishSequence publications;
+    /// Set while a drain of `publications` waits on the outbound worker, so a
+    /// flood with the pool full queues one drain there, not one per event.
+    std::atomic<bool> drainPosted{false};
+
+    /// Publishing work handed off by the RPC I/O threads: the direct
+    /// publications of the dispatch, answers, and the drains of
+    /// `publications` when the host pool has no free thread.
     OutboundWorker outbound;
 
     /// Requests refused because their frame would reach the link's limit.
@@ -87,6 +96,17 @@ struct PilotControlPImpl {
     mutable std::mutex publishMutex;  // guards responseStatus, failedRouteMissions
     std::map<std::string, int> responseStatus;
     std::vector<FailedRouteMission> failedRouteMissions;
+
+    /// Publications dropped so far by the outbound worker and the wrapped
+    /// events' sequence together, by class: the reports count them as one.
+    OutboundDrops outboundDrops() const
+    {
+        OutboundDrops sum = outbound.dropped();
+        const OutboundDrops sequenced = publications.dropped();
+        for (std::size_t c = 0; c < outboundClassCount; ++c)
+            sum.byClass[c] += sequenced.byClass[c];
+        return sum;
+    }
 
     std::string getPilotId() const
     {

@@ -163,9 +163,9 @@ void describeDrops(Report& report, const std::vector<Instance>& all)
                    "Error answers that left the request out because it was too big.");
     for (const auto& instance : all)
         report.sample("error_echoes_trimmed_total", instance.service, "", instance.state->errorEchoesTrimmed.load());
-    report.declare("outbound_dropped_total", "counter", "Publications the outbound queue dropped, by class.");
+    report.declare("outbound_dropped_total", "counter", "Publications the outbound queues dropped, by class.");
     for (const auto& instance : all) {
-        const OutboundDrops drops = instance.state->outbound.dropped();
+        const OutboundDrops drops = instance.state->outboundDrops();
         report.sample("outbound_dropped_total", instance.service, "class=\"stale_telemetry\"",
                       drops.of(OutboundClass::staleTelemetry));
         report.sample("outbound_dropped_total", instance.service, "class=\"event\"", drops.of(OutboundClass::event));

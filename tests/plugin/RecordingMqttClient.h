@@ -50,6 +50,8 @@ public:
     bool PublishMessage(const std::string& payload, const std::string& topic, int qos, int retained,
                         int waitSeconds) override
     {
+        if (beforePublish)
+            beforePublish(payload);
         {
             std::lock_guard<std::mutex> lock(mutex);
             published.push_back({payload, topic, qos, retained, waitSeconds});
@@ -108,6 +110,9 @@ public:
     }
 
     std::atomic<bool> publishSucceeds{true};
+    /// Runs first in every publication, outside the lock (a test may block
+    /// there). Set it before anything publishes.
+    std::function<void(const std::string& payload)> beforePublish;
 
 private:
     const std::string station;

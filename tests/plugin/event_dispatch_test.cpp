@@ -1,6 +1,8 @@
+#include <atomic>
 #include <future>
-#include <map>
+#include <vector>
 
+#include "LinkHealth.h"
 #include "PluginFixture.h"
 #include "ThreadPool.h"
 #include "support/LogCapture.h"
@@ -108,8 +110,8 @@ TEST_F(EventDispatch, GeneralEventsAreWrappedInOrderWithARisingMessageId)
     dispatch("getVersionInfo", R"({"version":"1.2"})");
     dispatch("getVersionInfo", R"({"version":"1.3"})");
     ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero), 2));
-    // Pool tasks may publish in either order; the msgId says which event came first.
-    std::map<std::string, long> idOf;
+    std::vector<std::string> versions;
+    std::vector<long> ids;
     for (const auto& p : mqtt->publications()) {
         EXPECT_EQ(p.qos, 2);
         // Keys in the order clients have always read them.
@@ -119,11 +121,12 @@ TEST_F(EventDispatch, GeneralEventsAreWrappedInOrderWithARisingMessageId)
             << p.payload;
         auto envelope = parseObject(p.payload);
         EXPECT_EQ(envelope->getObject("message")->getValue<std::string>("id"), "UAV-1");
-        idOf[envelope->getObject("message")->getValue<std::string>("version")] =
-            std::stol(envelope->getValue<std::string>("msgId"));
+        versions.push_back(envelope->getObject("message")->getValue<std::string>("version"));
+        ids.push_back(std::stol(envelope->getValue<std::string>("msgId")));
     }
-    ASSERT_EQ(idOf.size(), 2u);
-    EXPECT_EQ(idOf["1.3"], idOf["1.2"] + 1);
+    ASSERT_EQ(ids.size(), 2u);
+    EXPECT_EQ(versions, (std::vector<std::string>{"1.2", "1.3"}));
+    EXPECT_EQ(ids[1], ids[0] + 1);
 }
 
 // The counter is process-wide, so only a fresh process shows its first value.
@@ -182,6 +185,58 @@ TEST_F(EventDispatch, WithThePoolFullEnvelopesStillLeave)
     release.set_value();
     ASSERT_TRUE(published);
     EXPECT_EQ(parseObject(mqtt->publications().front().payload)->getObject("message")->getValue<int>("v"), 1);
+}
+
+// Telemetry positions must leave in the order the service sent them, though
+// each event may find a different pool thread free.
+TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
+{
+    using namespace std::chrono_literals;
+    state().pilotConnected = true;  // telemetry is published only then
+    // Shared with the publishing threads, which may outlive a failed test body.
+    struct Hold {
+        std::atomic<bool> first{true};
+        std::promise<void> entered;
+        std::promise<void> release;
+        std::shared_future<void> released = release.get_future().share();
+    };
+    auto hold = std::make_shared<Hold>();
+    mqtt->beforePublish = [hold](const std::string&) {
+        if (hold->first.exchange(false)) {
+            hold->entered.set_value();
+            hold->released.wait_for(10s);
+        }
+    };
+    auto telemetry = [](int seq) { return R"({"seq":)" + std::to_string(seq) + "}"; };
+    dispatch("pushTelemetry", telemetry(1));
+    const bool entered = hold->entered.get_future().wait_for(10s) == std::future_status::ready;
+    const bool poolFree = vlm::ThreadPool::defaultPool().hasFreeThread();
+    for (int seq = 2; seq <= 4; ++seq)
+        dispatch("pushTelemetry", telemetry(seq));
+    // Nothing may overtake the first position while its publication is held.
+    const bool overtaken = mqtt->waitFor(onTopic(groundTopicZero), 1, 300ms);
+    hold->release.set_value();
+    ASSERT_TRUE(entered);
+    EXPECT_TRUE(poolFree);  // the later events could each have had a thread of their own
+    EXPECT_FALSE(overtaken);
+    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero), 4));
+    std::vector<int> order;
+    for (const auto& p : mqtt->publications())
+        order.push_back(parseObject(p.payload)->getObject("message")->getValue<int>("seq"));
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
+// The ordered sequence's drops count where the outbound worker's do.
+TEST_F(EventDispatch, DroppedWrappedEventsCountInTheHealthReport)
+{
+    for (int i = 0; i < 1025; ++i)  // one past the telemetry bound, nothing draining
+        state().publications.push([] {}, vlm::OutboundClass::staleTelemetry, 1);
+    auto instances = parseObject(vlm::describeLinkHealth())->getArray("instances");
+    ASSERT_TRUE(instances && instances->size() > 0);
+    auto counters = instances->getObject(static_cast<unsigned>(instances->size() - 1))->getObject("counters");
+    EXPECT_EQ(counters->getValue<int>("stale_telemetry_dropped"), 1);
+    EXPECT_EQ(counters->getValue<int>("event_publications_dropped"), 0);
+    state().publications.drain();
 }
 
 TEST_F(EventDispatch, FireSearchInfoIsARequestToTheEdgeMaster)

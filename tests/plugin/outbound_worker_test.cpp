@@ -2,12 +2,14 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "OutboundWorker.h"
+#include "PublishSequence.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -84,53 +86,47 @@ TEST(OutboundWorker, RunsTasksInOrderAndAFullClassDropsItsOwnOldest)
 // A flood of every class at once: nothing grows past its bound, the counters
 // say what went, and every answer goes out as long as answers alone stay
 // within their bound, which is the whole queue's.
-TEST(OutboundWorker, AnOverfilledQueueKeepsItsBoundsAndGivesUpAnswersLast)
+TEST(OutboundQueue, AnOverfilledQueueKeepsItsBoundsAndGivesUpAnswersLast)
 {
     vlm::test::LogCapture log;
-    Gate gate;
     vlm::OutboundBounds bounds;
     bounds.perClass = {{{50, 50 * 100}, {100, 100 * 100}, {300, 300 * 100}}};
     bounds.total = {300, 300 * 100};
-    std::atomic<int> answersRun{0};
-    std::atomic<int> othersRun{0};
+    vlm::OutboundQueue queue(bounds);
+    int answersRun = 0;
+    int othersRun = 0;
     constexpr int rounds = 2000;  // far past every bound
     constexpr int answers = 280;  // within the answers' own bound
-    vlm::OutboundDrops drops;
+    int answersPosted = 0;
     bool withinBounds = true;
-    {
-        vlm::OutboundWorker worker(bounds);
-        worker.post([&] { gate.wait(); }, OutboundClass::answer);
-        gate.waitEntered();
-        int answersPosted = 0;
-        for (int i = 0; i < rounds; ++i) {
-            worker.post([&] { ++othersRun; }, OutboundClass::staleTelemetry, 100);
-            worker.post([&] { ++othersRun; }, OutboundClass::event, 100);
-            if (i % 7 == 0 && answersPosted < answers) {
-                EXPECT_TRUE(worker.post([&] { ++answersRun; }, OutboundClass::answer, 100));
-                ++answersPosted;
-            }
-            const auto held = worker.queued();
-            for (std::size_t c = 0; c < vlm::outboundClassCount; ++c) {
-                withinBounds = withinBounds && held[c].tasks <= bounds.perClass[c].tasks &&
-                               held[c].bytes <= bounds.perClass[c].bytes;
-            }
-            withinBounds = withinBounds && held[0].tasks + held[1].tasks + held[2].tasks <= bounds.total.tasks;
+    for (int i = 0; i < rounds; ++i) {
+        queue.push([&] { ++othersRun; }, OutboundClass::staleTelemetry, 100);
+        queue.push([&] { ++othersRun; }, OutboundClass::event, 100);
+        if (i % 7 == 0 && answersPosted < answers) {
+            EXPECT_TRUE(queue.push([&] { ++answersRun; }, OutboundClass::answer, 100));
+            ++answersPosted;
         }
-        // No ASSERT while the gate holds the worker: its destructor would wait for ever.
-        EXPECT_TRUE(withinBounds);
-        EXPECT_EQ(answersPosted, answers);
-        const auto held = worker.queued();
-        EXPECT_EQ(held[2].tasks, static_cast<std::size_t>(answers));
-        // The answers took the room of the lower classes: telemetry went first.
-        EXPECT_EQ(held[0].tasks, 0u);
-        EXPECT_EQ(held[0].tasks + held[1].tasks + held[2].tasks, bounds.total.tasks);
-        drops = worker.dropped();
-        gate.release();
+        const auto held = queue.queued();
+        for (std::size_t c = 0; c < vlm::outboundClassCount; ++c) {
+            withinBounds = withinBounds && held[c].tasks <= bounds.perClass[c].tasks &&
+                           held[c].bytes <= bounds.perClass[c].bytes;
+        }
+        withinBounds = withinBounds && held[0].tasks + held[1].tasks + held[2].tasks <= bounds.total.tasks;
     }
-    EXPECT_EQ(answersRun.load(), answers);
+    EXPECT_TRUE(withinBounds);
+    const auto held = queue.queued();
+    EXPECT_EQ(held[2].tasks, static_cast<std::size_t>(answers));
+    // The answers took the room of the lower classes: telemetry went first.
+    EXPECT_EQ(held[0].tasks, 0u);
+    EXPECT_EQ(held[0].tasks + held[1].tasks + held[2].tasks, bounds.total.tasks);
+    std::function<void()> task;
+    while (queue.popFront(task))  // bounded: the queue holds at most 300
+        task();
+    const vlm::OutboundDrops drops = queue.dropped();
+    EXPECT_EQ(answersRun, answers);
     EXPECT_EQ(drops.of(OutboundClass::answer), 0u);
     EXPECT_EQ(drops.of(OutboundClass::staleTelemetry) + drops.of(OutboundClass::event) +
-                  static_cast<std::uint64_t>(othersRun.load()),
+                  static_cast<std::uint64_t>(othersRun),
               2u * rounds);
     EXPECT_GT(drops.of(OutboundClass::staleTelemetry), 1000u);
     // One line per burst: the first drop and every thousandth, per class.
@@ -139,21 +135,14 @@ TEST(OutboundWorker, AnOverfilledQueueKeepsItsBoundsAndGivesUpAnswersLast)
     EXPECT_EQ(log.errors("outbound queue full: 2 stale telemetry publications dropped so far"), 0);
 }
 
-TEST(OutboundWorker, AnswersBeyondTheirOwnBoundDropTheOldestAnswer)
+TEST(OutboundQueue, AnswersBeyondTheirOwnBoundDropTheOldestAnswer)
 {
-    Gate gate;
-    std::vector<int> ran;
-    {
-        vlm::OutboundWorker worker(smallBounds());
-        worker.post([&] { gate.wait(); }, OutboundClass::answer);
-        gate.waitEntered();
-        for (int i = 0; i < 8; ++i)
-            EXPECT_TRUE(worker.post([&ran, i] { ran.push_back(i); }, OutboundClass::answer));
-        EXPECT_EQ(worker.queued()[2].tasks, 6u);
-        EXPECT_EQ(worker.dropped().of(OutboundClass::answer), 2u);
-        gate.release();
-    }
-    EXPECT_EQ(ran, (std::vector<int>{2, 3, 4, 5, 6, 7}));
+    vlm::OutboundQueue queue(smallBounds());
+    for (int i = 0; i < 8; ++i)
+        EXPECT_TRUE(queue.push([] {}, OutboundClass::answer, static_cast<std::size_t>(i)));
+    EXPECT_EQ(queue.queued()[2].tasks, 6u);
+    EXPECT_EQ(queue.queued()[2].bytes, 2u + 3 + 4 + 5 + 6 + 7);  // 0 and 1 went
+    EXPECT_EQ(queue.dropped().of(OutboundClass::answer), 2u);
 }
 
 // The plug-in's unload must not return while a worker thread still runs:
@@ -195,6 +184,73 @@ TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
     ASSERT_EQ(unload.wait_for(10s), std::future_status::ready);
     EXPECT_TRUE(unload.get());
     EXPECT_TRUE(threadEnded.load());
+}
+
+TEST(PublishSequence, DropsAreCountedPerClassAndAThrowingTaskDoesNotStopTheDrain)
+{
+    vlm::test::LogCapture log;
+    vlm::PublishSequence sequence(smallBounds());
+    std::vector<std::string> ran;
+    auto record = [&ran](std::string name) { return [&ran, name] { ran.push_back(name); }; };
+    sequence.push(record("t1"), OutboundClass::staleTelemetry, 10);
+    sequence.push([] { throw std::runtime_error("broker gone"); }, OutboundClass::event, 10);
+    sequence.push(record("t2"), OutboundClass::staleTelemetry, 10);
+    sequence.push(record("t3"), OutboundClass::staleTelemetry, 10);  // telemetry full: t1 goes
+    EXPECT_FALSE(sequence.push(record("big"), OutboundClass::event, 1001));
+    sequence.push(record("e1"), OutboundClass::event, 10);
+    EXPECT_EQ(sequence.dropped().of(OutboundClass::staleTelemetry), 1u);
+    EXPECT_EQ(sequence.dropped().of(OutboundClass::event), 1u);
+    EXPECT_EQ(sequence.queued()[0].bytes, 20u);
+    sequence.drain();
+    EXPECT_EQ(ran, (std::vector<std::string>{"t2", "t3", "e1"}));
+    EXPECT_EQ(sequence.queued()[0].tasks + sequence.queued()[1].tasks, 0u);
+    EXPECT_EQ(log.errors("publication failed: broker gone"), 1);
+    EXPECT_EQ(log.errors("publication queue full: 1 stale telemetry publications dropped so far"), 1);
+    EXPECT_EQ(log.errors("publication queue full: 1 event publications dropped so far"), 1);
+}
+
+// Threads push and drain at once, as pool threads do: every task runs once,
+// one at a time, in the order queued, and none is left behind when the last
+// drain() returns, though most calls return at once to the active drainer.
+TEST(PublishSequence, ConcurrentDrainersRunEveryTaskOnceInOrder)
+{
+    constexpr int threads = 4;
+    constexpr int perThread = 500;
+    vlm::PublishSequence sequence;
+    std::mutex pushing;  // guards next: makes queue order the numbers' order
+    int next = 0;
+    std::vector<int> ran;  // written only by the one active drainer
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&] {
+            for (int i = 0; i < perThread; ++i) {
+                {
+                    std::lock_guard<std::mutex> lock(pushing);
+                    const int n = next++;
+                    sequence.push(
+                        [&, n] {
+                            if (running.fetch_add(1) != 0)
+                                overlapped = true;
+                            ran.push_back(n);
+                            if (n % 50 == 0)
+                                std::this_thread::yield();  // let others queue behind the drainer
+                            running.fetch_sub(1);
+                        },
+                        OutboundClass::event, 1);
+                }
+                sequence.drain();
+            }
+        });
+    }
+    for (auto& w : workers)
+        w.join();
+    EXPECT_FALSE(overlapped.load());
+    ASSERT_EQ(ran.size(), static_cast<std::size_t>(threads * perThread));
+    for (int n = 0; n < threads * perThread; ++n)
+        ASSERT_EQ(ran[static_cast<std::size_t>(n)], n);
+    EXPECT_EQ(sequence.dropped().of(OutboundClass::event), 0u);
 }
 
 } // namespace
