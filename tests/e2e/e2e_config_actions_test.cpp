@@ -15,20 +15,24 @@
 #include <Poco/JSON/Parser.h>
 #include <Poco/Util/JSONConfiguration.h>
 
-#include "e2e/ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "host/HttpTestClient.h"
-#include "support/RestartablePort.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using vlm::e2e::ChildProcess;
+using vlm::test::ChildProcess;
 using vlm::test::HttpAnswer;
 using vlm::test::HttpCall;
 using vlm::test::TempDir;
 
 constexpr auto processBound = std::chrono::seconds(30);
 constexpr const char* token = "config-actions-token";
+
+int portOf(const std::string& listeningLine)
+{
+    return std::stoi(listeningLine.substr(listeningLine.rfind(':') + 1));
+}
 
 struct CommandResult {
     int exitCode = -1;
@@ -254,20 +258,16 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(*VELMORA_PILOT_SIM) << "pilot-sim is not built; these tests need it";
-        for (int attempt = 0; attempt < 3 && servicePort == 1; ++attempt) {
-            const int port = vlm::test::pickRestartablePort();
-            sim = std::make_unique<ChildProcess>(
-                std::vector<std::string>{VELMORA_PILOT_SIM, "--port", std::to_string(port)},
-                dir.file("sim-" + std::to_string(attempt) + ".log"));
-            if (sim->waitForLine("pilot-sim listening on ", processBound))
-                servicePort = port;
-        }
-        ASSERT_NE(servicePort, 1) << sim->output();
+        sim = std::make_unique<ChildProcess>(std::vector<std::string>{VELMORA_PILOT_SIM, "--port", "0"},
+                                             dir.file("sim.log"));
+        const auto simListening = sim->waitForLine("pilot-sim listening on ", processBound);
+        ASSERT_TRUE(simListening) << sim->output();
+        servicePort = portOf(*simListening);
         ConfigActionFiles::SetUp();
         host = std::make_unique<ChildProcess>(hostCommand({"--config", configFile}), dir.file("host.out"));
         const auto listening = host->waitForLine("velmora-host listening on http://", processBound);
         ASSERT_TRUE(listening) << host->output();
-        port = static_cast<std::uint16_t>(std::stoi(listening->substr(listening->rfind(':') + 1)));
+        port = static_cast<std::uint16_t>(portOf(*listening));
         ASSERT_TRUE(host->waitForLine("velmora-host ready: 1 of 1", processBound)) << host->output();
     }
 
@@ -282,12 +282,15 @@ protected:
         EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << log;
     }
 
-    HttpAnswer post(const std::string& path, const std::string& body = "", bool withToken = true)
+    HttpAnswer send(HttpCall call, bool withToken = true)
     {
-        HttpCall call = vlm::test::post(path, body);
         if (withToken)
             call.headers["Authorization"] = std::string("Bearer ") + token;
         return call.sendTo(port);
+    }
+    HttpAnswer post(const std::string& path, const std::string& body = "", bool withToken = true)
+    {
+        return send(vlm::test::post(path, body), withToken);
     }
 
     std::unique_ptr<ChildProcess> sim;
@@ -350,9 +353,7 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
 
     for (const char* path : {"/host/config/reset-defaults", "/host/config/backup", "/host/config/load-hangar"}) {
         EXPECT_EQ(post(path, "", false).status, 401) << path;
-        HttpCall get = vlm::test::get(path);
-        get.headers["Authorization"] = std::string("Bearer ") + token;
-        EXPECT_EQ(get.sendTo(port).status, 405) << path;
+        EXPECT_EQ(send(vlm::test::get(path)).status, 405) << path;
         // No request names a file: the host's own are the only ones used.
         EXPECT_EQ(post(path, R"({"file":")" + dir.file("elsewhere.json") + R"("})").status, 400) << path;
         EXPECT_EQ(post(path, "not json").status, 400) << path;
@@ -360,10 +361,9 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
         EXPECT_EQ(post(path, std::string(8192, ' ')).status, 413) << path;
         // A page in the operator's browser is stopped before the token matters.
         HttpCall page = vlm::test::post(path, "");
-        page.headers["Authorization"] = std::string("Bearer ") + token;
         page.headers["Origin"] = "http://evil.example";
         page.headers["Sec-Fetch-Site"] = "cross-site";
-        EXPECT_EQ(page.sendTo(port).status, 403) << path;
+        EXPECT_EQ(send(page).status, 403) << path;
     }
     for (const char* body : {"", "{}", R"({"address":"localhost"})", R"({"address":7})",
                              R"({"address":"127.0.0.1","count":100})"})
@@ -376,9 +376,7 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
 
 TEST_F(ConfigRoutes, AreListedInTheApiDescription)
 {
-    HttpCall call = vlm::test::get("/host/openapi.json");
-    call.headers["Authorization"] = std::string("Bearer ") + token;
-    const HttpAnswer answer = call.sendTo(port);
+    const HttpAnswer answer = send(vlm::test::get("/host/openapi.json"));
     ASSERT_EQ(answer.status, 200);
     const auto paths = answer.json()->getObject("paths");
     ASSERT_TRUE(paths);

@@ -6,9 +6,8 @@
 
 #include <iostream>
 
-#include "e2e/ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "e2e/E2eTest.h"
-#include "e2e/EventStream.h"
 
 namespace vlm::e2e {
 namespace {
@@ -76,13 +75,8 @@ TEST_F(HostProcessTest, SigintEndsTheHostEvenWithStreamsOpen)
 {
     EventStream tap(stack.httpPort, "/host/bus");
     ASSERT_EQ(tap.contentType(), "text/event-stream");
-    std::unique_ptr<EventStream> telemetry;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            telemetry = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry");
-            return telemetry->contentType() == "text/event-stream" && !telemetry->nextData("\"seq\"", eventBound).empty();
-        },
-        eventBound));
+    const auto telemetry = telemetryStream();
+    ASSERT_TRUE(telemetry);
 
     const int status = stopWith(SIGINT);
     ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
