@@ -1,4 +1,4 @@
-// velmora-host as a process: its token check, its orderly stop on SIGTERM and
+// velmora-host as a process: its orderly stop on SIGTERM and
 // SIGINT (also with streams open), and its refusal of a broken configuration.
 
 #include <signal.h>
@@ -15,29 +15,6 @@ namespace {
 // "Within a few seconds": the host's own stop bound is 20 s, an orderly stop
 // takes well under one.
 constexpr auto stopBound = std::chrono::seconds(5);
-
-class TokenTest : public E2eTest {
-protected:
-    TokenTest() : E2eTest(GatewayStack::Options{"e2e-secret-token", 10}) {}
-};
-
-TEST_F(TokenTest, RequestsWithoutTheTokenGet401AndWithItAreServed)
-{
-    test::HttpCall bare = test::post("/index/api/pilot/getConfig", request("getConfig", "t1"));
-    const auto refused = bare.sendTo(stack.httpPort);
-    EXPECT_EQ(refused.status, 401);
-    EXPECT_EQ(refused.headers.at("WWW-Authenticate"), "Bearer");
-
-    test::HttpCall wrong = bare;
-    wrong.headers["Authorization"] = "Bearer e2e-secret-tokeN";
-    EXPECT_EQ(wrong.sendTo(stack.httpPort).status, 401);
-    EXPECT_EQ(test::get("/host/health").sendTo(stack.httpPort).status, 401);
-
-    const auto served = stack.http(bare);
-    EXPECT_EQ(served.status, 200);
-    EXPECT_NE(served.body.find("\"msgId\":\"t1\""), std::string::npos) << served.body;
-    EXPECT_TRUE(stack.health()->getObject("http")->getValue<bool>("token_required"));
-}
 
 class HostProcessTest : public E2eTest {
 protected:

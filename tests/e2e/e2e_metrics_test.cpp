@@ -59,8 +59,11 @@ protected:
 
 TEST_F(MetricsTest, ScrapePassesPromtoolAndCountsEveryForwardedRequest)
 {
-    const auto refused = test::get("/host/metrics").sendTo(stack.httpPort);
-    EXPECT_EQ(refused.status, 401) << "the metrics are behind the token";
+    // The host's token from its configuration guards the metrics and health
+    // too, and health says so.
+    EXPECT_EQ(test::get("/host/metrics").sendTo(stack.httpPort).status, 401);
+    EXPECT_EQ(test::get("/host/health").sendTo(stack.httpPort).status, 401);
+    EXPECT_TRUE(stack.health()->getObject("http")->getValue<bool>("token_required"));
 
     // Until the simulator reports the vehicle, commands may end in 4001.
     MqttProbe app(stack.broker.uri(), "e2e-metrics-app");
