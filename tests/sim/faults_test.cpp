@@ -44,10 +44,13 @@ TEST_F(Faults, ConnectionsAreRefusedForAWhileThenAcceptedOnTheSamePort)
     start_on_restartable_port(quick_options());
     sim->refuse_connections_for(300ms);
     {
-        pilot_rpc::rpc_client refused;
-        EXPECT_FALSE(refused.connect("127.0.0.1", port, false, 1));
         asio::io_context io;
-        asio::ip::tcp::acceptor squatter(io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+        const asio::ip::tcp::endpoint address(asio::ip::make_address("127.0.0.1"), port);
+        asio::ip::tcp::socket refused(io);
+        std::error_code ec;
+        refused.connect(address, ec);
+        EXPECT_EQ(ec, asio::error::connection_refused);
+        asio::ip::tcp::acceptor squatter(io, address);
         ASSERT_TRUE(logs.wait_for("fault: cannot listen again on port " + std::to_string(port), 5s));
     }
     ASSERT_TRUE(logs.wait_for("listening again on port " + std::to_string(port), 5s));
