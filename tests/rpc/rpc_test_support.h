@@ -69,7 +69,8 @@ void expect_broken_promise(Future& pending)
 }
 
 /// The 20 header bytes of a frame, as they go on the wire.
-inline std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id, std::uint32_t func_id = 0)
+inline std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id,
+                             std::uint32_t func_id = 0)
 {
     frame_header header;
     header.frame_type = type;

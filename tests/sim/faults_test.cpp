@@ -80,8 +80,7 @@ INSTANTIATE_TEST_SUITE_P(EachKind, BadFrames,
 TEST_F(Faults, MalformedPublicationReachesOnlySubscribersAndBreaksTheirLink)
 {
     auto bystander = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pushTelemetry"});
+    auto subscriber = subscriber_to({"pushTelemetry"});
     first_error error;
     error.watch(*subscriber);
     EXPECT_EQ(sim->send_malformed_publication(), 1u);
@@ -92,8 +91,7 @@ TEST_F(Faults, MalformedPublicationReachesOnlySubscribersAndBreaksTheirLink)
 TEST_F(Faults, DisconnectedVehicleIsReportedAndRefusesVehicleCommands)
 {
     auto calls = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pilotConnectState"});
+    auto subscriber = subscriber_to({"pilotConnectState"});
     sim->set_vehicle_connected(false);
     ASSERT_TRUE(events.wait_for_count("pilotConnectState", 1));
     EXPECT_EQ(events.of("pilotConnectState").front(), "false");
@@ -112,8 +110,7 @@ TEST_F(FaultPlan, VehicleDisconnectedFromTheStartIsAnnouncedAtTheHandshake)
     options.faults.vehicle_disconnected = true;
     start(options);
     auto calls = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pilotConnectState"});
+    auto subscriber = subscriber_to({"pilotConnectState"});
     calls->call<3000>("reportRPCSub", true);
     ASSERT_TRUE(events.wait_for_count("pilotConnectState", 1));
     EXPECT_EQ(events.of("pilotConnectState").front(), "false");
@@ -127,8 +124,7 @@ TEST_F(FaultPlan, BadFrameAndMalformedPublicationFollowEachHandshake)
     options.faults.after_handshake = 50ms;
     start(options);
     auto calls = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"heartBeat"});
+    auto subscriber = subscriber_to({"heartBeat"});
     first_error call_link;
     call_link.watch(*calls);
     first_error subscription_link;

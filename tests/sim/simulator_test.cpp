@@ -38,8 +38,7 @@ TEST_F(Simulator, AnswersSettingsOfEachTypeAndRefusesUnknownKeysAndMisshapenQuer
 TEST_F(Simulator, StartHandshakeAnnouncesTheVehicleOnTheSubscriptionLink)
 {
     auto calls = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pilotConnectState", "pushUavSn"});
+    auto subscriber = subscriber_to({"pilotConnectState", "pushUavSn"});
 
     const auto guid = parse_object(
         calls->call<3000, std::string>("pilotControlBase", std::string("velmora-abcd1234"), std::string("setSelfGuid")));
@@ -57,9 +56,8 @@ TEST_F(Simulator, StartHandshakeAnnouncesTheVehicleOnTheSubscriptionLink)
 
 TEST_F(Simulator, ProducesEachOnRequestEventOnItsTopic)
 {
-    auto subscriber = connected_client();
-    subscribe(*subscriber,
-              {"setTelemFrequency", "vehicleOnlineStatus", "toMicroService", "fireSearchInfo", "uavData2MaterCtl"});
+    auto subscriber = subscriber_to(
+        {"setTelemFrequency", "vehicleOnlineStatus", "toMicroService", "fireSearchInfo", "uavData2MaterCtl"});
 
     EXPECT_EQ(sim->request_telemetry_frequency(150), 1u);
     EXPECT_EQ(sim->report_online_status("online"), 1u);
@@ -124,8 +122,7 @@ TEST_F(Simulator, StatusCountsForwardedRequestsAndNothingElse)
 
 TEST_F(Simulator, ControlCommandsReachSubscribersAndRejectNonsense)
 {
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"setTelemFrequency"});
+    auto subscriber = subscriber_to({"setTelemFrequency"});
     EXPECT_EQ(run_control_command(*sim, "telem-frequency 1100"), "ok: published to 1 subscriber(s)");
     ASSERT_TRUE(events.wait_for_count("setTelemFrequency", 1));
     EXPECT_EQ(events.of("setTelemFrequency").front(), "1100");
@@ -150,8 +147,7 @@ TEST_F(Telemetry, ArrivesAtTheConfiguredRate)
     simulator_options options = quick_options();
     options.telemetry_hz = 20.0;
     start(options);
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pushTelemetry"});
+    auto subscriber = subscriber_to({"pushTelemetry"});
     ASSERT_TRUE(events.wait_for_count("pushTelemetry", 11, 5s));
 
     // The samples carry the simulator's clock: their mean spacing is the rate,
@@ -173,8 +169,7 @@ TEST_F(Telemetry, DescribesTheVehicleAndStopsWhenTheVehicleLinkDrops)
     options.telemetry_hz = 50.0;
     options.heartbeat_interval = 50ms;
     start(options);
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pushTelemetry", "pilotConnectState", "heartBeat"});
+    auto subscriber = subscriber_to({"pushTelemetry", "pilotConnectState", "heartBeat"});
     ASSERT_TRUE(events.wait_for_count("pushTelemetry", 1));
     const auto sample = parse_object(events.of("pushTelemetry").front());
     EXPECT_EQ(sample->getValue<std::string>("flightMode"), "onGround");
@@ -201,8 +196,7 @@ TEST_F(Telemetry, CarriesItsPublishTimeOnlyWhenAsked)
     options.telemetry_hz = 50.0;
     options.stamp_publish_time = true;
     start(options);
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {"pushTelemetry"});
+    auto subscriber = subscriber_to({"pushTelemetry"});
     ASSERT_TRUE(events.wait_for_count("pushTelemetry", 2));
     const auto sample = parse_object(events.of("pushTelemetry").front());
     // Stamped just before publishing, after the sample's own millisecond time.
