@@ -9,7 +9,7 @@
 
 #include <Poco/File.h>
 
-#include "e2e/ProcessMemory.h"
+#include "ProcessMemory.h"
 
 namespace vlm::chaos {
 namespace {

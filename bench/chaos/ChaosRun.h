@@ -20,7 +20,7 @@
 #include "HttpTally.h"
 #include "e2e/GatewayStack.h"
 #include "e2e/MqttProbe.h"
-#include "e2e/StreamReaders.h"
+#include "StreamReaders.h"
 
 namespace vlm::chaos {
 

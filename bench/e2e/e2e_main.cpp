@@ -20,7 +20,7 @@
 #include "ProcessCpu.h"
 #include "TelemetryWatch.h"
 #include "e2e/GatewayStack.h"
-#include "e2e/ProcessMemory.h"
+#include "ProcessMemory.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include <mqtt/async_client.h>
 
-#include "e2e/StreamReaders.h"
+#include "StreamReaders.h"
 
 namespace vlm::soak {
 

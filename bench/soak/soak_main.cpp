@@ -17,7 +17,7 @@
 #include <sys/wait.h>
 
 #include "e2e/GatewayStack.h"
-#include "e2e/ProcessMemory.h"
+#include "ProcessMemory.h"
 #include "soak_load.h"
 
 namespace {

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "e2e/ChildProcess.h"
-#include "support/TempDir.h"
+#include "support/MosquittoBroker.h"
 
 namespace vlm::e2e {
 
@@ -25,13 +23,11 @@ public:
     /// The same with a bridge to each station, as a cloud serving a fleet.
     explicit CloudBroker(const std::vector<Bridge>& bridges);
 
-    std::string uri() const;
-    std::string output() const;
+    std::string uri() const { return broker.uri(); }
+    std::string output() const { return broker.output(); }
 
 private:
-    test::TempDir dir;
-    int port = 0;
-    std::unique_ptr<ChildProcess> broker;
+    test::MosquittoBroker broker;
 };
 
 } // namespace vlm::e2e

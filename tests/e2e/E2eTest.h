@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "e2e/EventStream.h"
 #include "e2e/GatewayStack.h"
+#include "e2e/MqttProbe.h"
 
 namespace vlm::e2e {
 
@@ -54,6 +56,55 @@ protected:
     {
         return R"({"api":")" + api + R"(","type":"request","from":"e2e-app","target":")" + stationSn +
                R"(","msgId":")" + msgId + R"(","message":{}})";
+    }
+
+    /// A telemetry stream that has shown a sample, its data in `first`; null
+    /// when none came within the bound. Until the simulator has reported the
+    /// vehicle, the stream is refused with 4001, so it is opened again.
+    std::unique_ptr<EventStream> telemetryStream(std::string* first = nullptr)
+    {
+        std::unique_ptr<EventStream> stream;
+        std::string sample;
+        const bool shown = GatewayStack::waitUntil(
+            [&] {
+                stream = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry",
+                                                       stack.options.token);
+                return stream->contentType() == "text/event-stream" &&
+                       !(sample = stream->nextData("\"seq\"", eventBound)).empty();
+            },
+            eventBound);
+        if (first)
+            *first = sample;
+        return shown ? std::move(stream) : nullptr;
+    }
+
+    /// Publishes the request `api` as `msgId` on `topic` until its answer comes
+    /// back there, with code 200 unless `anyCode`: the vehicle is reported,
+    /// and the host's subscriptions restored, a little after a start. The last
+    /// answer (maybe with another code), or nothing within the bound.
+    static std::optional<MqttProbe::Message> mqttAnswer(MqttProbe& app, const std::string& topic,
+                                                        const std::string& api, const std::string& msgId,
+                                                        bool anyCode = false)
+    {
+        std::optional<MqttProbe::Message> answer;
+        GatewayStack::waitUntil(
+            [&] {
+                app.clear();
+                app.publish(topic, request(api, msgId));
+                answer = app.waitFor(
+                    [&](const MqttProbe::Message& m) {
+                        return hasText(m.payload, "msgId", msgId) && hasText(m.payload, "type", "response");
+                    },
+                    std::chrono::seconds(2));
+                return answer && (anyCode || answer->payload.find("\"code\":200") != std::string::npos);
+            },
+            eventBound);
+        return answer;
+    }
+
+    static bool answeredOk(const std::optional<MqttProbe::Message>& answer)
+    {
+        return answer && answer->payload.find("\"code\":200") != std::string::npos;
     }
 
     GatewayStack stack;

@@ -9,12 +9,15 @@
 
 #include <Poco/JSON/Object.h>
 
-#include "e2e/ChildProcess.h"
 #include "host/HttpTestClient.h"
+#include "support/ChildProcess.h"
 #include "support/MosquittoBroker.h"
 #include "support/TempDir.h"
 
 namespace vlm::e2e {
+
+using test::ChildProcess;
+using test::childrenOf;
 
 /// Names every end-to-end test shares.
 inline constexpr const char* pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";

@@ -15,20 +15,24 @@
 #include <Poco/JSON/Parser.h>
 #include <Poco/Util/JSONConfiguration.h>
 
-#include "e2e/ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "host/HttpTestClient.h"
-#include "support/RestartablePort.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using vlm::e2e::ChildProcess;
+using vlm::test::ChildProcess;
 using vlm::test::HttpAnswer;
 using vlm::test::HttpCall;
 using vlm::test::TempDir;
 
 constexpr auto processBound = std::chrono::seconds(30);
 constexpr const char* token = "config-actions-token";
+
+int portOf(const std::string& listeningLine)
+{
+    return std::stoi(listeningLine.substr(listeningLine.rfind(':') + 1));
+}
 
 struct CommandResult {
     int exitCode = -1;
@@ -254,20 +258,16 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(*VELMORA_PILOT_SIM) << "pilot-sim is not built; these tests need it";
-        for (int attempt = 0; attempt < 3 && servicePort == 1; ++attempt) {
-            const int port = vlm::test::pickRestartablePort();
-            sim = std::make_unique<ChildProcess>(
-                std::vector<std::string>{VELMORA_PILOT_SIM, "--port", std::to_string(port)},
-                dir.file("sim-" + std::to_string(attempt) + ".log"));
-            if (sim->waitForLine("pilot-sim listening on ", processBound))
-                servicePort = port;
-        }
-        ASSERT_NE(servicePort, 1) << sim->output();
+        sim = std::make_unique<ChildProcess>(std::vector<std::string>{VELMORA_PILOT_SIM, "--port", "0"},
+                                             dir.file("sim.log"));
+        const auto simListening = sim->waitForLine("pilot-sim listening on ", processBound);
+        ASSERT_TRUE(simListening) << sim->output();
+        servicePort = portOf(*simListening);
         ConfigActionFiles::SetUp();
         host = std::make_unique<ChildProcess>(hostCommand({"--config", configFile}), dir.file("host.out"));
         const auto listening = host->waitForLine("velmora-host listening on http://", processBound);
         ASSERT_TRUE(listening) << host->output();
-        port = static_cast<std::uint16_t>(std::stoi(listening->substr(listening->rfind(':') + 1)));
+        port = static_cast<std::uint16_t>(portOf(*listening));
         ASSERT_TRUE(host->waitForLine("velmora-host ready: 1 of 1", processBound)) << host->output();
     }
 
@@ -282,12 +282,15 @@ protected:
         EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << log;
     }
 
-    HttpAnswer post(const std::string& path, const std::string& body = "", bool withToken = true)
+    HttpAnswer send(HttpCall call, bool withToken = true)
     {
-        HttpCall call = vlm::test::post(path, body);
         if (withToken)
             call.headers["Authorization"] = std::string("Bearer ") + token;
         return call.sendTo(port);
+    }
+    HttpAnswer post(const std::string& path, const std::string& body = "", bool withToken = true)
+    {
+        return send(vlm::test::post(path, body), withToken);
     }
 
     std::unique_ptr<ChildProcess> sim;
@@ -295,8 +298,20 @@ protected:
     std::uint16_t port = 0;
 };
 
-TEST_F(ConfigRoutes, EachActionRunsOnTheHostsOwnFiles)
+// Without the files they work on, the actions answer 422 with the routines'
+// own lines; with them, they run on the host's own files.
+TEST_F(ConfigRoutes, EachActionRunsOnTheHostsOwnFilesOrAnswers422WithTheRoutinesLines)
 {
+    const HttpAnswer noSource = post("/host/config/backup");
+    EXPECT_EQ(noSource.status, 422) << noSource.body;
+    EXPECT_NE(noSource.body.find("Source file does not exist: " + backupSource()), std::string::npos) << noSource.body;
+    const HttpAnswer noHangar = post("/host/config/load-hangar");
+    EXPECT_EQ(noHangar.status, 422) << noHangar.body;
+    EXPECT_NE(noHangar.body.find("Source file does not exist: " + hangarFile), std::string::npos) << noHangar.body;
+    const HttpAnswer silent = post("/host/ping", R"({"address":"::1"})");
+    EXPECT_EQ(silent.status, 422) << silent.body;
+    EXPECT_NE(silent.body.find(R"("reason")"), std::string::npos) << silent.body;
+
     dir.write("home/.config/fenlix/velmora-host.json", R"({"v":5})");
     const HttpAnswer backup = post("/host/config/backup");
     ASSERT_EQ(backup.status, 200) << backup.body;
@@ -329,19 +344,6 @@ TEST_F(ConfigRoutes, EachActionRunsOnTheHostsOwnFiles)
     EXPECT_EQ(post("/host/config/backup", "", false).status, 401);
 }
 
-TEST_F(ConfigRoutes, FailuresAnswer422WithTheRoutinesOwnLines)
-{
-    const HttpAnswer backup = post("/host/config/backup");
-    EXPECT_EQ(backup.status, 422) << backup.body;
-    EXPECT_NE(backup.body.find("Source file does not exist: " + backupSource()), std::string::npos) << backup.body;
-    const HttpAnswer hangar = post("/host/config/load-hangar");
-    EXPECT_EQ(hangar.status, 422) << hangar.body;
-    EXPECT_NE(hangar.body.find("Source file does not exist: " + hangarFile), std::string::npos) << hangar.body;
-    const HttpAnswer ping = post("/host/ping", R"({"address":"::1"})");
-    EXPECT_EQ(ping.status, 422) << ping.body;
-    EXPECT_NE(ping.body.find(R"("reason")"), std::string::npos) << ping.body;
-}
-
 TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
 {
     dir.write("home/.config/fenlix/velmora-host.json", R"({"v":6})");
@@ -350,9 +352,7 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
 
     for (const char* path : {"/host/config/reset-defaults", "/host/config/backup", "/host/config/load-hangar"}) {
         EXPECT_EQ(post(path, "", false).status, 401) << path;
-        HttpCall get = vlm::test::get(path);
-        get.headers["Authorization"] = std::string("Bearer ") + token;
-        EXPECT_EQ(get.sendTo(port).status, 405) << path;
+        EXPECT_EQ(send(vlm::test::get(path)).status, 405) << path;
         // No request names a file: the host's own are the only ones used.
         EXPECT_EQ(post(path, R"({"file":")" + dir.file("elsewhere.json") + R"("})").status, 400) << path;
         EXPECT_EQ(post(path, "not json").status, 400) << path;
@@ -360,10 +360,9 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
         EXPECT_EQ(post(path, std::string(8192, ' ')).status, 413) << path;
         // A page in the operator's browser is stopped before the token matters.
         HttpCall page = vlm::test::post(path, "");
-        page.headers["Authorization"] = std::string("Bearer ") + token;
         page.headers["Origin"] = "http://evil.example";
         page.headers["Sec-Fetch-Site"] = "cross-site";
-        EXPECT_EQ(page.sendTo(port).status, 403) << path;
+        EXPECT_EQ(send(page).status, 403) << path;
     }
     for (const char* body : {"", "{}", R"({"address":"localhost"})", R"({"address":7})",
                              R"({"address":"127.0.0.1","count":100})"})
@@ -376,9 +375,7 @@ TEST_F(ConfigRoutes, RefusedRequestsChangeNothing)
 
 TEST_F(ConfigRoutes, AreListedInTheApiDescription)
 {
-    HttpCall call = vlm::test::get("/host/openapi.json");
-    call.headers["Authorization"] = std::string("Bearer ") + token;
-    const HttpAnswer answer = call.sendTo(port);
+    const HttpAnswer answer = send(vlm::test::get("/host/openapi.json"));
     ASSERT_EQ(answer.status, 200);
     const auto paths = answer.json()->getObject("paths");
     ASSERT_TRUE(paths);

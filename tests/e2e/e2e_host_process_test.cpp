@@ -1,4 +1,4 @@
-// velmora-host as a process: its token check, its orderly stop on SIGTERM and
+// velmora-host as a process: its orderly stop on SIGTERM and
 // SIGINT (also with streams open), and its refusal of a broken configuration.
 
 #include <signal.h>
@@ -6,9 +6,8 @@
 
 #include <iostream>
 
-#include "e2e/ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "e2e/E2eTest.h"
-#include "e2e/EventStream.h"
 
 namespace vlm::e2e {
 namespace {
@@ -16,29 +15,6 @@ namespace {
 // "Within a few seconds": the host's own stop bound is 20 s, an orderly stop
 // takes well under one.
 constexpr auto stopBound = std::chrono::seconds(5);
-
-class TokenTest : public E2eTest {
-protected:
-    TokenTest() : E2eTest(GatewayStack::Options{"e2e-secret-token", 10}) {}
-};
-
-TEST_F(TokenTest, RequestsWithoutTheTokenGet401AndWithItAreServed)
-{
-    test::HttpCall bare = test::post("/index/api/pilot/getConfig", request("getConfig", "t1"));
-    const auto refused = bare.sendTo(stack.httpPort);
-    EXPECT_EQ(refused.status, 401);
-    EXPECT_EQ(refused.headers.at("WWW-Authenticate"), "Bearer");
-
-    test::HttpCall wrong = bare;
-    wrong.headers["Authorization"] = "Bearer e2e-secret-tokeN";
-    EXPECT_EQ(wrong.sendTo(stack.httpPort).status, 401);
-    EXPECT_EQ(test::get("/host/health").sendTo(stack.httpPort).status, 401);
-
-    const auto served = stack.http(bare);
-    EXPECT_EQ(served.status, 200);
-    EXPECT_NE(served.body.find("\"msgId\":\"t1\""), std::string::npos) << served.body;
-    EXPECT_TRUE(stack.health()->getObject("http")->getValue<bool>("token_required"));
-}
 
 class HostProcessTest : public E2eTest {
 protected:
@@ -76,13 +52,8 @@ TEST_F(HostProcessTest, SigintEndsTheHostEvenWithStreamsOpen)
 {
     EventStream tap(stack.httpPort, "/host/bus");
     ASSERT_EQ(tap.contentType(), "text/event-stream");
-    std::unique_ptr<EventStream> telemetry;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            telemetry = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry");
-            return telemetry->contentType() == "text/event-stream" && !telemetry->nextData("\"seq\"", eventBound).empty();
-        },
-        eventBound));
+    const auto telemetry = telemetryStream();
+    ASSERT_TRUE(telemetry);
 
     const int status = stopWith(SIGINT);
     ASSERT_TRUE(WIFEXITED(status)) << "status " << status;

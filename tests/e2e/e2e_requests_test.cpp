@@ -4,8 +4,6 @@
 #include <Poco/JSON/Parser.h>
 
 #include "e2e/E2eTest.h"
-#include "e2e/EventStream.h"
-#include "e2e/MqttProbe.h"
 
 namespace vlm::e2e {
 namespace {
@@ -38,19 +36,9 @@ TEST_F(RequestsTest, HttpRequestIsForwardedToTheSimulatorAndAnswered)
 
 TEST_F(RequestsTest, TelemetryStreamShowsLiveSimulatorTelemetry)
 {
-    // The vehicle is reported shortly after the plug-in's start; until then the
-    // stream is refused with 4001.
     std::string first;
-    std::unique_ptr<EventStream> stream;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            stream = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry");
-            if (stream->contentType() != "text/event-stream")
-                return false;
-            first = stream->nextData("\"seq\"", eventBound);
-            return !first.empty();
-        },
-        eventBound));
+    const auto stream = telemetryStream(&first);
+    ASSERT_TRUE(stream);
     const std::string second = stream->nextData("\"seq\"", eventBound);
     const auto a = parse(first);
     const auto b = parse(second);
@@ -64,20 +52,8 @@ TEST_F(RequestsTest, MqttCommandIsAnsweredOnMqtt)
 {
     MqttProbe app(stack.broker.uri(), "e2e-ground-app");
     app.subscribe(groundCommandTopic());
-    const auto isAnswer = [](const MqttProbe::Message& m) {
-        return hasText(m.payload, "msgId", "m1") && hasText(m.payload, "type", "response");
-    };
-    // Commands that need the vehicle are refused (4001) until the simulator has reported it.
-    std::optional<MqttProbe::Message> answer;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            app.clear();
-            app.publish(groundCommandTopic(), request("getVersionInfo", "m1"));
-            answer = app.waitFor(isAnswer, std::chrono::seconds(2));
-            return answer && answer->payload.find("\"code\":200") != std::string::npos;
-        },
-        eventBound))
-        << (answer ? answer->payload : "no answer");
+    const auto answer = mqttAnswer(app, groundCommandTopic(), "getVersionInfo", "m1");
+    ASSERT_TRUE(answeredOk(answer)) << (answer ? answer->payload : "no answer");
     EXPECT_EQ(answer->topic, groundCommandTopic());
     EXPECT_TRUE(hasText(answer->payload, "api", "getVersionInfo"));
     EXPECT_TRUE(hasText(answer->payload, "target", "e2e-app"));

@@ -8,8 +8,6 @@
 
 #include "e2e/CloudBroker.h"
 #include "e2e/E2eTest.h"
-#include "e2e/EventStream.h"
-#include "e2e/MqttProbe.h"
 
 namespace vlm::e2e {
 namespace {
@@ -20,7 +18,7 @@ using ResilienceTest = E2eTest;
 // loaded machine.
 constexpr auto reconnectBound = std::chrono::seconds(4);
 
-bool answeredOk(const test::HttpAnswer& answer)
+bool httpAnsweredOk(const test::HttpAnswer& answer)
 {
     return answer.status == 200 && answer.body.find("\"code\":200") != std::string::npos;
 }
@@ -28,13 +26,8 @@ bool answeredOk(const test::HttpAnswer& answer)
 TEST_F(ResilienceTest, SimulatorKilledAndRestartedTheHostKeepsServingAndThePluginReconnects)
 {
     // A stream that shows telemetry: the vehicle is reported connected.
-    std::unique_ptr<EventStream> stream;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            stream = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry");
-            return stream->contentType() == "text/event-stream" && !stream->nextData("\"seq\"", eventBound).empty();
-        },
-        eventBound));
+    const auto stream = telemetryStream();
+    ASSERT_TRUE(stream);
     ASSERT_EQ(stack.serviceLink(), "up");
     const std::uint16_t port = stack.simPort;
     stack.killSim();
@@ -53,7 +46,7 @@ TEST_F(ResilienceTest, SimulatorKilledAndRestartedTheHostKeepsServingAndThePlugi
     RecordProperty("reconnect_ms", static_cast<int>(reconnected.count()));
 
     EXPECT_TRUE(GatewayStack::waitUntil(
-        [&] { return answeredOk(stack.http(test::post("/index/api/pilot/getConfig", request("getConfig", "r1")))); },
+        [&] { return httpAnsweredOk(stack.http(test::post("/index/api/pilot/getConfig", request("getConfig", "r1")))); },
         eventBound));
     // The stream that stayed open carries the new simulator's telemetry, and a new one does too.
     EXPECT_FALSE(stream->nextData("\"seq\"", eventBound).empty());
@@ -67,16 +60,7 @@ TEST_F(ResilienceTest, BrokerRestartedMqttCommandsWorkAgain)
     {
         MqttProbe app(stack.broker.uri(), "e2e-before-restart");
         app.subscribe(groundCommandTopic());
-        ASSERT_TRUE(GatewayStack::waitUntil(
-            [&] {
-                app.clear();
-                app.publish(groundCommandTopic(), request("getConfig", "before"));
-                return app.waitFor([](const auto& m) { return hasText(m.payload, "msgId", "before") &&
-                                                             hasText(m.payload, "type", "response"); },
-                                   std::chrono::seconds(2))
-                    .has_value();
-            },
-            eventBound));
+        ASSERT_TRUE(mqttAnswer(app, groundCommandTopic(), "getConfig", "before", true));
     }
 
     stack.broker.stop();
@@ -88,18 +72,7 @@ TEST_F(ResilienceTest, BrokerRestartedMqttCommandsWorkAgain)
 
     MqttProbe app(stack.broker.uri(), "e2e-after-restart");
     app.subscribe(groundCommandTopic());
-    std::optional<MqttProbe::Message> answer;
-    // The host restores its subscriptions right after reconnecting; a command
-    // sent in between is not seen, so it is repeated.
-    EXPECT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            app.publish(groundCommandTopic(), request("getConfig", "after"));
-            answer = app.waitFor(
-                [](const auto& m) { return hasText(m.payload, "msgId", "after") && hasText(m.payload, "type", "response"); },
-                std::chrono::seconds(1));
-            return answer.has_value();
-        },
-        eventBound));
+    EXPECT_TRUE(mqttAnswer(app, groundCommandTopic(), "getConfig", "after", true));
 }
 
 TEST_F(ResilienceTest, CloudCommandsComeInAndAnswersGoOutThroughABridgedBroker)
@@ -113,18 +86,8 @@ TEST_F(ResilienceTest, CloudCommandsComeInAndAnswersGoOutThroughABridgedBroker)
         eventBound))
         << cloud.output();
 
-    const auto isAnswer = [](const MqttProbe::Message& m) {
-        return hasText(m.payload, "msgId", "cloud-1") && hasText(m.payload, "type", "response");
-    };
-    std::optional<MqttProbe::Message> answer;
-    ASSERT_TRUE(GatewayStack::waitUntil(
-        [&] {
-            cloudService.publish(stationTopic(), request("getVersionInfo", "cloud-1"));
-            answer = cloudService.waitFor(isAnswer, std::chrono::seconds(2));
-            return answer && answer->payload.find("\"code\":200") != std::string::npos;
-        },
-        eventBound))
-        << cloud.output();
+    const auto answer = mqttAnswer(cloudService, stationTopic(), "getVersionInfo", "cloud-1");
+    ASSERT_TRUE(answeredOk(answer)) << cloud.output();
     EXPECT_TRUE(hasText(answer->payload, "api", "getVersionInfo"));
     EXPECT_TRUE(hasText(answer->payload, "target", "e2e-app"));
 }

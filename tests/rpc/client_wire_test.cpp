@@ -12,17 +12,6 @@
 namespace pilot_rpc::test {
 namespace {
 
-std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id, std::uint32_t func_id)
-{
-    frame_header header;
-    header.frame_type = type;
-    header.body_len = body_len;
-    header.req_id = req_id;
-    header.func_id = func_id;
-    const header_bytes bytes = encode_header(header);
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
 class ClientWire : public ::testing::Test {
 protected:
     void SetUp() override
@@ -45,25 +34,18 @@ TEST_F(ClientWire, HeartbeatIsAHeaderOfTwentyBytesAndNothingElse)
     EXPECT_EQ(peer.read_exact(20, 3s).value_or(""), header_of(0, 0, 0, 0));
 }
 
-TEST_F(ClientWire, CallFrameCarriesIdFunctionIdAndArgumentsOnly)
+TEST_F(ClientWire, CallAndSubscribeFramesCarryIdFunctionIdAndArgumentsOnly)
 {
-    auto result = client.call_future("setSelfGuid", std::string("{D639}"));
-    EXPECT_EQ(result.id, 1u);
-    const std::string body("\x91\xa6{D639}", 8);
-    EXPECT_EQ(peer.read_exact(20 + body.size(), 3s).value_or(""), header_of(0, 8, 1, 0x9571C9A0) + body);
-}
-
-TEST_F(ClientWire, CallWithoutArgumentsSendsAnEmptyArray)
-{
+    EXPECT_EQ(client.call_future("setSelfGuid", std::string("{D639}")).id, 1u);
+    const std::string call_body("\x91\xa6{D639}", 8);
+    EXPECT_EQ(peer.read_exact(20 + 8, 3s).value_or(""), header_of(0, 8, 1, 0x9571C9A0) + call_body);
+    // Without arguments: an empty array.
     client.call_future("reportRPCSub");
-    EXPECT_EQ(peer.read_exact(21, 3s).value_or(""), header_of(0, 1, 1, 0xD7A17A50) + std::string("\x90", 1));
-}
-
-TEST_F(ClientWire, SubscribeSendsTopicAndEmptyToken)
-{
+    EXPECT_EQ(peer.read_exact(21, 3s).value_or(""), header_of(0, 1, 2, 0xD7A17A50) + std::string("\x90", 1));
+    // A subscription: the topic and an empty token.
     client.subscribe("heartBeat", [](std::string_view) {});
-    const std::string body("\x92\xa9heartBeat\xa0", 12);
-    EXPECT_EQ(peer.read_exact(20 + body.size(), 3s).value_or(""), header_of(1, 12, 0, 0x136C4ED4) + body);
+    const std::string subscribe_body("\x92\xa9heartBeat\xa0", 12);
+    EXPECT_EQ(peer.read_exact(20 + 12, 3s).value_or(""), header_of(1, 12, 0, 0x136C4ED4) + subscribe_body);
 }
 
 TEST_F(ClientWire, IdsOfBothKindsCountFromOneAndCallbackIdsSetBit63)

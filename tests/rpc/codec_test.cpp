@@ -79,12 +79,6 @@ TEST(ReqResult, UndecodableValueIsAnUnpackError)
     EXPECT_THROW(req_result(std::string("\xc1", 1)).check(), std::invalid_argument);
 }
 
-}  // namespace
-}  // namespace pilot_rpc
-
-namespace pilot_rpc {
-namespace {
-
 // The size the plug-in checks against the frame limit must be what the
 // packer really produces, at every boundary where MessagePack changes the
 // width of a length prefix.

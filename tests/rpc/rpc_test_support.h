@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "rpc/frame.h"
 #include "rpc/function_id.h"
 #include "rpc/rpc_client.h"
 #include "rpc/service/rpc_service.h"
@@ -41,6 +42,44 @@ struct slot {
     std::future<T> future = promise.get_future();
     bool ready_within(std::chrono::milliseconds timeout) { return future.wait_for(timeout) == std::future_status::ready; }
 };
+
+/// Checks that `call` throws `Error` whose text is exactly `text`.
+template <typename Error, typename Call>
+void expect_thrown_text(Call&& call, const char* text)
+{
+    try {
+        call();
+        ADD_FAILURE() << "no exception; expected \"" << text << "\"";
+    } catch (const Error& e) {
+        EXPECT_STREQ(e.what(), text);
+    }
+}
+
+/// Checks that `pending` ends, within a bound, with a broken promise.
+template <typename Future>
+void expect_broken_promise(Future& pending)
+{
+    ASSERT_EQ(pending.wait_for(3s), std::future_status::ready);
+    try {
+        pending.get();
+        ADD_FAILURE() << "no exception";
+    } catch (const std::future_error& e) {
+        EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+    }
+}
+
+/// The 20 header bytes of a frame, as they go on the wire.
+inline std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id,
+                             std::uint32_t func_id = 0)
+{
+    frame_header header;
+    header.frame_type = type;
+    header.body_len = body_len;
+    header.req_id = req_id;
+    header.func_id = func_id;
+    const header_bytes bytes = encode_header(header);
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
 
 struct call_outcome {
     std::error_code ec;

@@ -103,14 +103,6 @@ TEST_F(RequestHandler, RefusesArgumentsThatAreNotTexts)
     EXPECT_THROW(handler.answer("flightControl", std::vector<std::string>{}), std::invalid_argument);
 }
 
-TEST_F(RequestHandler, SetSelfGuidRecordsTheStation)
-{
-    const auto answer = ask("pilotControlBase", {"velmora-1a2b3c4d", "setSelfGuid"});
-    EXPECT_EQ(effects.station, "velmora-1a2b3c4d");
-    EXPECT_EQ(answer->getValue<std::string>("api"), "setSelfGuid");
-    EXPECT_EQ(code(answer), 200);
-}
-
 TEST_F(RequestHandler, SetUavIdChangesTheSerialNumberEverywhere)
 {
     EXPECT_EQ(code(ask("telementry", {R"({"message":{"uavId":"UAV-NEW"}})", "setUavId"})), 200);

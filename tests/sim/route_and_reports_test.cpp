@@ -23,8 +23,7 @@ protected:
     {
         start(quick_options());
         calls = connected_client();
-        subscriber = connected_client();
-        subscribe(*subscriber, {"updateProgress", "pushRoute", "syncRoute"});
+        subscriber = subscriber_to({"updateProgress", "pushRoute", "syncRoute"});
     }
 
     Poco::JSON::Object::Ptr forward(const std::string& api, const std::string& request)
@@ -87,8 +86,7 @@ TEST_P(Reports, AnswerAtOnceAndPublishTheirResultEventLater)
     const auto [api, result_key] = GetParam();
     start(quick_options());
     auto calls = connected_client();
-    auto subscriber = connected_client();
-    subscribe(*subscriber, {api});
+    auto subscriber = subscriber_to({api});
 
     const std::string request = std::string(R"({"api":")") + api + R"(","message":{"fileName":"fw-2.1.bin"}})";
     const auto answer = parse_object(calls->call<3000, std::string>("firmwareUpdate", request, std::string(api)));

@@ -149,14 +149,16 @@ protected:
         return client;
     }
 
-    /// Subscribes `client` to `topics` and returns once the simulator has
-    /// them: a connection's frames are handled in order, so the answer to a
-    /// call sent after them proves they arrived.
-    void subscribe(pilot_rpc::rpc_client& client, std::initializer_list<const char*> topics)
+    /// A client subscribed to `topics`, returned once the simulator has them:
+    /// a connection's frames are handled in order, so the answer to a call
+    /// sent after them proves they arrived.
+    std::unique_ptr<pilot_rpc::rpc_client> subscriber_to(std::initializer_list<const char*> topics)
     {
+        auto client = connected_client();
         for (const char* topic : topics)
-            events.subscribe(client, topic);
-        client.call<3000, int>("getIntConfig", std::string("station.app_type"));
+            events.subscribe(*client, topic);
+        client->call<3000, int>("getIntConfig", std::string("station.app_type"));
+        return client;
     }
 
     line_log logs;

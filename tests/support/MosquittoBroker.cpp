@@ -1,13 +1,10 @@
 #include "support/MosquittoBroker.h"
 #include "support/RestartablePort.h"
 
-#include "support/SpawnLogged.h"
-
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -24,29 +21,6 @@ namespace {
 const char* const brokerPath = "/usr/sbin/mosquitto";
 const char* const passwdToolPath = "/usr/bin/mosquitto_passwd";
 const char* const loopback = "127.0.0.1";
-
-// Reaps `pid` if it has exited within the bound; true when it is gone.
-bool reapWithin(pid_t pid, std::chrono::milliseconds bound)
-{
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    for (;;) {
-        int status = 0;
-        const pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid || (r < 0 && errno == ECHILD))
-            return true;
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-}
-
-void killAndReap(pid_t pid)
-{
-    ::kill(pid, SIGKILL);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-}
 
 } // namespace
 
@@ -80,21 +54,13 @@ std::string MosquittoBroker::output() const
 
 void MosquittoBroker::writePasswordFile()
 {
-    const pid_t pid = spawnLogged({passwdToolPath, "-b", "-c", dir.file("passwd"), options.userName, options.password},
-                                  dir.file("mosquitto_passwd.log"), true);
-    int status = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (;;) {
-        if (::waitpid(pid, &status, WNOHANG) == pid)
-            break;
-        if (std::chrono::steady_clock::now() >= deadline) {
-            killAndReap(pid);
-            throw std::runtime_error("mosquitto_passwd did not finish");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw std::runtime_error("mosquitto_passwd failed: " + TempDir::read(dir.file("mosquitto_passwd.log")));
+    ChildProcess tool({passwdToolPath, "-b", "-c", dir.file("passwd"), options.userName, options.password},
+                      dir.file("mosquitto_passwd.log"));
+    const auto status = tool.waitExit(std::chrono::seconds(10));
+    if (!status)
+        throw std::runtime_error("mosquitto_passwd did not finish");
+    if (!WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
+        throw std::runtime_error("mosquitto_passwd failed: " + tool.output());
 }
 
 void MosquittoBroker::writeConfig()
@@ -143,7 +109,8 @@ void MosquittoBroker::start()
 bool MosquittoBroker::launch()
 {
     writeConfig();
-    child = spawnLogged({brokerPath, "-c", dir.file("mosquitto.conf")}, dir.file("mosquitto.log"), true);
+    child = std::make_unique<ChildProcess>(std::vector<std::string>{brokerPath, "-c", dir.file("mosquitto.conf")},
+                                           dir.file("mosquitto.log"));
     if (waitUntilAccepting())
         return true;
     stop();
@@ -161,9 +128,8 @@ bool MosquittoBroker::waitUntilAccepting()
             return true;
         } catch (const Poco::Exception&) {
         }
-        int status = 0;
-        if (::waitpid(child, &status, WNOHANG) == child) {
-            child = -1;
+        if (!child->running()) {
+            child.reset();
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -175,18 +141,14 @@ void MosquittoBroker::stop()
 {
     if (!running())
         return;
-    ::kill(child, SIGTERM);
-    if (!reapWithin(child, std::chrono::seconds(3)))
-        killAndReap(child);
-    child = -1;
+    child->signal(SIGTERM);
+    child->waitExit(std::chrono::seconds(3));
+    child.reset();  // kills and reaps one that is still running
 }
 
 void MosquittoBroker::kill()
 {
-    if (!running())
-        return;
-    killAndReap(child);
-    child = -1;
+    child.reset();
 }
 
 } // namespace vlm::test

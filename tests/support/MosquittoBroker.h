@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
 namespace vlm::test {
@@ -57,9 +58,9 @@ public:
     /// Does nothing when it is not running.
     void kill();
 
-    bool running() const { return child > 0; }
+    bool running() const { return child != nullptr; }
     int port() const { return listenPort; }
-    pid_t pid() const { return child; }
+    pid_t pid() const { return child ? child->pid() : -1; }
 
     /// "127.0.0.1:<port>", the form the host configuration uses.
     std::string hostPort() const;
@@ -79,7 +80,7 @@ private:
     Options options;
     TempDir dir;
     int listenPort = 0;
-    pid_t child = -1;
+    std::unique_ptr<ChildProcess> child;
     bool everStarted = false;
 };
 

@@ -1,14 +1,12 @@
 #include "support/TestCertificates.h"
 
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
-#include "support/SpawnLogged.h"
+#include "support/ChildProcess.h"
 
 namespace vlm::test {
 namespace {
@@ -52,20 +50,12 @@ void TestCertificates::run(const std::vector<std::string>& args)
 {
     std::vector<std::string> command{opensslPath};
     command.insert(command.end(), args.begin(), args.end());
-    const std::string log = dir.file("openssl.log");
-    const pid_t pid = spawnLogged(command, log, true);
-    int status = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (::waitpid(pid, &status, WNOHANG) != pid) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            throw std::runtime_error("openssl " + args.front() + " did not finish");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw std::runtime_error("openssl " + args.front() + " failed: " + TempDir::read(log));
+    ChildProcess openssl(command, dir.file("openssl-" + std::to_string(++runs) + ".log"));
+    const auto status = openssl.waitExit(std::chrono::seconds(30));
+    if (!status)
+        throw std::runtime_error("openssl " + args.front() + " did not finish");
+    if (!WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
+        throw std::runtime_error("openssl " + args.front() + " failed: " + openssl.output());
 }
 
 std::string TestCertificates::makeCa(const std::string& name, const std::string& commonName)

@@ -36,6 +36,7 @@ private:
                                  int serial);
 
     TempDir dir;
+    int runs = 0;
 };
 
 } // namespace vlm::test

@@ -33,18 +33,14 @@ namespace {
 using vlm::test::LogCapture;
 using vlm::test::TempDir;
 
-TEST(ConfigBackup, CopiesTheFileBesideItselfAndOverwritesAnOldBackup)
+TEST(ConfigBackup, CopiesTheFileBesideItselfOverAnOldBackupAndLogsAMissingSource)
 {
     TempDir dir;
     dir.write("velmora-host.json", R"({"v":2})");
     dir.write("velmora-host-backup.json", R"({"v":1})");
     vlm::backupConfigFile(dir.path, "velmora-host");
     EXPECT_EQ(TempDir::read(dir.file("velmora-host-backup.json")), R"({"v":2})");
-}
 
-TEST(ConfigBackup, MissingSourceIsLoggedAndCreatesNothing)
-{
-    TempDir dir;
     LogCapture log;
     vlm::backupConfigFile(dir.path, "absent");
     EXPECT_EQ(log.errors("Source file does not exist: " + dir.file("absent.json")), 1);

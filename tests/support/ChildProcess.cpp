@@ -1,4 +1,4 @@
-#include "e2e/ChildProcess.h"
+#include "support/ChildProcess.h"
 
 #include "support/SpawnLogged.h"
 
@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace vlm::e2e {
+namespace vlm::test {
 namespace {
 
 constexpr auto pollPause = std::chrono::milliseconds(20);
@@ -30,7 +30,7 @@ ChildProcess::ChildProcess(std::vector<std::string> args, std::string log, bool 
     if (withInput && ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::runtime_error("no input channel for " + args.front());
     try {
-        child = test::spawnLogged(args, logPath, true, withInput ? ends[1] : -1);
+        child = spawnLogged(args, logPath, true, withInput ? ends[1] : -1);
     } catch (...) {
         if (withInput) {
             ::close(ends[0]);
@@ -163,4 +163,4 @@ std::vector<pid_t> childrenOf(pid_t parent)
     return children;
 }
 
-} // namespace vlm::e2e
+} // namespace vlm::test

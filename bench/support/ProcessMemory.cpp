@@ -1,4 +1,4 @@
-#include "e2e/ProcessMemory.h"
+#include "ProcessMemory.h"
 
 #include <fstream>
 #include <string>

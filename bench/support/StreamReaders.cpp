@@ -1,4 +1,4 @@
-#include "e2e/StreamReaders.h"
+#include "StreamReaders.h"
 
 #include <chrono>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace vlm::e2e {
+namespace vlm::test {
 
 /// One program run by a test, with standard output and error going to a log
 /// file the test reads.
@@ -67,4 +67,4 @@ private:
 /// Process ids whose parent is `parent`, from /proc.
 std::vector<pid_t> childrenOf(pid_t parent);
 
-} // namespace vlm::e2e
+} // namespace vlm::test
