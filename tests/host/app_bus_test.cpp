@@ -20,6 +20,11 @@ const char* const guidA = "{AAAAAAAA-1111-2222-3333-444444444444}";
 const char* const guidB = "{BBBBBBBB-1111-2222-3333-444444444444}";
 const auto bound = std::chrono::seconds(5);
 
+std::string quoted(const std::string& guid)
+{
+    return "\"" + guid + "\"";
+}
+
 std::string addressedTo(const std::string& receivers, const std::string& extra = "")
 {
     return R"({"to":[)" + receivers + R"(],"api":"x")" + extra + "}";
@@ -57,31 +62,24 @@ TEST(BusGuid, ComparesWithoutBracesAndCase)
     EXPECT_EQ(vlm::host::normalizeGuid(""), "");
 }
 
-TEST_F(MessageBusTest, DeliversToEveryNamedPluginInWhateverFormTheGuidIsWritten)
+TEST_F(MessageBusTest, DeliversTheTextUnchangedOnTheBusThreadOnceToEveryNamedPluginHoweverItsGuidIsWritten)
 {
-    deliver(addressedTo(R"("aaaaaaaa-1111-2222-3333-444444444444","{bbbbbbbb-1111-2222-3333-444444444444}")"));
-    EXPECT_EQ(a->received().size(), 1u);
-    EXPECT_EQ(b->received().size(), 1u);
-
+    const std::string both =
+        addressedTo(R"("aaaaaaaa-1111-2222-3333-444444444444","{bbbbbbbb-1111-2222-3333-444444444444}")", R"(,"n":1.50)");
+    deliver(both);
     deliver(addressedTo(R"("BBBBBBBB-1111-2222-3333-444444444444")"));
-    EXPECT_EQ(a->received().size(), 1u);
-    EXPECT_EQ(b->received().size(), 2u);
-}
-
-TEST_F(MessageBusTest, HandsOverTheTextUnchangedOnTheBusThreadOncePerPlugin)
-{
-    const std::string text = addressedTo(std::string("\"") + guidA + "\",\"" + guidA + "\"", R"(,"n":1.50)");
-    deliver(text);
+    deliver(addressedTo(quoted(guidA) + "," + quoted(guidA)));
     const auto got = a->received();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].text, text);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].text, both);
     EXPECT_NE(got[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(b->received().size(), 2u);
 }
 
 TEST_F(MessageBusTest, KeepsTheOrderOfPosting)
 {
     for (int i = 0; i < 200; ++i)
-        ASSERT_NE(bus.post(addressedTo(std::string("\"") + guidB + "\"", ",\"i\":" + std::to_string(i)), "test"), 0u);
+        ASSERT_NE(bus.post(addressedTo(quoted(guidB), ",\"i\":" + std::to_string(i)), "test"), 0u);
     const auto got = b->waitFor(200);
     ASSERT_EQ(got.size(), 200u);
     for (int i = 0; i < 200; ++i)
@@ -91,8 +89,8 @@ TEST_F(MessageBusTest, KeepsTheOrderOfPosting)
 TEST_F(MessageBusTest, APluginMayAnswerFromInsidePushMessage)
 {
     b->answer = [](const std::string&) { return std::string(); };
-    a->answer = [](const std::string&) { return addressedTo(std::string("\"") + guidB + "\"", R"(,"answer":true)"); };
-    deliver(addressedTo(std::string("\"") + guidA + "\""));
+    a->answer = [](const std::string&) { return addressedTo(quoted(guidB), R"(,"answer":true)"); };
+    deliver(addressedTo(quoted(guidA)));
     const auto got = b->waitFor(1);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_NE(got[0].text.find("\"answer\":true"), std::string::npos);
@@ -119,7 +117,7 @@ TEST_F(MessageBusTest, EveryMessageReachesEveryTapInOrder)
 {
     auto first = bus.openTap();
     auto second = bus.openTap();
-    deliver(addressedTo(std::string("\"") + guidA + "\""));
+    deliver(addressedTo(quoted(guidA)));
     deliver("broken");
     for (const auto& tap : {first, second}) {
         const BusTap::Batch batch = tap->take(std::chrono::milliseconds(0));
@@ -141,7 +139,7 @@ TEST_F(MessageBusTest, StopClosesTapsAndRefusesLaterPosts)
     auto tap = bus.openTap();
     bus.stop();
     EXPECT_TRUE(tap->take(bound).closed);
-    EXPECT_EQ(bus.post(addressedTo(std::string("\"") + guidA + "\""), "late"), 0u);
+    EXPECT_EQ(bus.post(addressedTo(quoted(guidA)), "late"), 0u);
     EXPECT_EQ(bus.stats().dropped, 1u);
     EXPECT_TRUE(bus.openTap()->take(std::chrono::milliseconds(0)).closed);
 }
