@@ -71,7 +71,7 @@ protected:
     std::string text;
 };
 
-TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServes)
+TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServesAndMarksTheFiveStreams)
 {
     start();
     const auto document = description();
@@ -105,14 +105,7 @@ TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServes)
     for (const char* path : {"/host/health", "/host/bus", "/host/openapi.json", "/host/console"})
         EXPECT_TRUE(paths->has(path)) << path;
     EXPECT_EQ(send(vlm::test::get("/host/console")).status, 200);
-}
 
-TEST_F(ApiDescriptionTest, MarksTheFiveStreams)
-{
-    start();
-    const auto document = description();
-    ASSERT_TRUE(document);
-    const auto paths = document->getObject("paths");
     std::set<std::string> streams;
     for (const auto& path : paths->getNames()) {
         const auto get = paths->getObject(path)->getObject("get");

@@ -153,10 +153,7 @@ TEST_F(SmallTapBudgetTest, AStreamThatFallsBehindByBytesIsToldWhatItMissedAndGet
     EXPECT_GE(shown.front(), first);
 
     EXPECT_EQ(bus->stats().tapDropped, kept.dropped + streamDropped);
-    int lines = 0;
-    for (const auto& line : log.lines())
-        lines += line.text.rfind("bus tap reader behind", 0) == 0 ? 1 : 0;
-    EXPECT_EQ(lines, 2) << "one line for each reader's burst";
+    EXPECT_EQ(vlm::test::linesWith(log, "bus tap reader behind"), 2) << "one line for each reader's burst";
 }
 
 TEST_F(BusTapRouteTest, QuietStreamsGetKeepAliveCommentsAndEveryMessageAsAnEventInBusOrder)

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "app/MessageBus.h"
+#include "host/HostTestSupport.h"
 #include "host/RecordingPlugin.h"
 #include "support/LogCapture.h"
 
@@ -246,10 +247,7 @@ TEST(MessageBusLimits, AMessageLargerThanTheBoundIsRefusedAndLoggedOncePerBurst)
     EXPECT_EQ(log.errors("bus: refused a message of 5001 bytes from sender-a: larger than 5000 bytes (1000 refused "
                          "so far)"),
               1);
-    int lines = 0;
-    for (const auto& line : log.lines())
-        lines += line.text.find("bus: refused a message") != std::string::npos ? 1 : 0;
-    EXPECT_EQ(lines, 2);
+    EXPECT_EQ(vlm::test::linesWith(log, "bus: refused a message"), 2);
 }
 
 TEST(MessageBusLimits, StopDropsWhatIsStillQueuedAndLogsHowMuch)

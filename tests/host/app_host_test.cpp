@@ -81,11 +81,8 @@ TEST_F(HostAppTest, HealthCountsWhatTheBusRefusedAndWhatWaits)
     const auto bus = report->getObject("bus");
     ASSERT_TRUE(bus);
     EXPECT_EQ(bus->getValue<std::uint64_t>("oversize"), 1u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped_for_bytes"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("tap_dropped"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("queued_bytes"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("queued"), 0u);
+    for (const char* counter : {"dropped", "dropped_for_bytes", "tap_dropped", "queued_bytes", "queued"})
+        EXPECT_EQ(bus->getValue<std::uint64_t>(counter), 0u) << counter;
 }
 
 TEST_F(HostAppTest, BusTapStreamsTakeAtMostHalfTheHostReserveAndHealthCountsRefusals)
