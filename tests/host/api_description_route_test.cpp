@@ -10,18 +10,12 @@
 #include <set>
 
 #include <gtest/gtest.h>
-#include <Poco/JSON/Parser.h>
 
-#include "VelmoraCommon.h"
-#include "app/HostApp.h"
-#include "host/HttpTestClient.h"
-#include "plugin/ScriptedService.h"
-#include "support/MosquittoBroker.h"
+#include "host/HostAppFixture.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using vlm::host::HostApp;
 using Poco::JSON::Object;
 
 const char* const pluginPrefix = "/index/api/pilot/";
@@ -56,37 +50,13 @@ CommandResult validate(const std::string& documentPath)
     return run("'" + node + "' '" + VELMORA_OPENAPI_VALIDATOR + "' '" + documentPath + "'");
 }
 
-class ApiDescriptionTest : public ::testing::Test {
+class ApiDescriptionTest : public vlm::test::HostAppFixture {
 protected:
-    void SetUp() override { broker.start(); }
-
-    void startHost(const std::string& token = "")
+    void start(const std::string& withToken = "")
     {
-        this->token = token;
-        // The plug-in reads the broker keys from the host configuration itself.
-        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
-        vlm::configInstance().setString("mqtt.user_name", "");
-        vlm::configInstance().setString("mqtt.pawsswd", "");
-        const std::string tokenKey = token.empty() ? "" : R"(, "token": ")" + token + "\"";
-        const std::string text = R"({
-          "http": {"port": 0, "threads": 8)" + tokenKey + R"(},
-          "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": ""},
-          "station": {"station_sn": "station-doc"},
-          "plugins": [{"library": ")" + std::string(VELMORA_PILOT_PLUGIN) +
-                                 R"(", "service_port": )" + std::to_string(service.port) + R"(}]})";
-        auto root = Poco::JSON::Parser().parse(text).extract<Object::Ptr>();
-        app = std::make_unique<HostApp>(vlm::host::parseHostConfig(*root, "/etc/velmora/host.json", ""));
-        app->start();
+        token = withToken;
+        startHost(R"(, "threads": 8)" + (token.empty() ? "" : R"(, "token": ")" + token + "\""));
         ASSERT_EQ(app->startedPlugins(), 1u);
-    }
-
-    void TearDown() override { app.reset(); }
-
-    vlm::test::HttpAnswer send(vlm::test::HttpCall call)
-    {
-        if (!token.empty())
-            call.headers["Authorization"] = "Bearer " + token;
-        return call.sendTo(app->httpPort());
     }
 
     Object::Ptr description()
@@ -98,16 +68,12 @@ protected:
         return answer.json();
     }
 
-    vlm::test::MosquittoBroker broker;
-    vlm::test::ScriptedService service;
-    std::unique_ptr<HostApp> app;
-    std::string token;
     std::string text;
 };
 
-TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServes)
+TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServesAndMarksTheFiveStreams)
 {
-    startHost();
+    start();
     const auto document = description();
     ASSERT_TRUE(document);
     const auto paths = document->getObject("paths");
@@ -139,14 +105,7 @@ TEST_F(ApiDescriptionTest, ListsExactlyTheEndpointsTheHostServes)
     for (const char* path : {"/host/health", "/host/bus", "/host/openapi.json", "/host/console"})
         EXPECT_TRUE(paths->has(path)) << path;
     EXPECT_EQ(send(vlm::test::get("/host/console")).status, 200);
-}
 
-TEST_F(ApiDescriptionTest, MarksTheFiveStreams)
-{
-    startHost();
-    const auto document = description();
-    ASSERT_TRUE(document);
-    const auto paths = document->getObject("paths");
     std::set<std::string> streams;
     for (const auto& path : paths->getNames()) {
         const auto get = paths->getObject(path)->getObject("get");
@@ -165,7 +124,7 @@ TEST_F(ApiDescriptionTest, MarksTheFiveStreams)
 
 TEST_F(ApiDescriptionTest, IsValidOpenApi3ForARealValidator)
 {
-    startHost();
+    start();
     ASSERT_TRUE(description());
     vlm::test::TempDir dir;
     const auto valid = validate(dir.write("openapi.json", text));
@@ -180,19 +139,13 @@ TEST_F(ApiDescriptionTest, IsValidOpenApi3ForARealValidator)
 
 TEST_F(ApiDescriptionTest, WithATokenTheDescriptionNeedsItAndSaysSo)
 {
-    startHost("doc-token");
+    start("doc-token");
     EXPECT_EQ(vlm::test::get("/host/openapi.json").sendTo(app->httpPort()).status, 401);
     const auto document = description();
     ASSERT_TRUE(document);
     EXPECT_TRUE(document->getArray("security")->getObject(0)->has("bearerToken"));
     EXPECT_TRUE(document->getObject("paths")->getObject("/host/health")->getObject("get")->getObject("responses")->has(
         "401"));
-}
-
-TEST_F(ApiDescriptionTest, AnswersGetOnly)
-{
-    startHost();
-    EXPECT_EQ(send(vlm::test::post("/host/openapi.json", "{}")).status, 405);
 }
 
 } // namespace

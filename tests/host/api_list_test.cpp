@@ -18,25 +18,22 @@ std::string entry(const std::string& members)
 const char* const goodMembers = R"("name": "pushRoute", "number": 27, "category": "flightControl",
     "streaming": false, "needsVehicle": true, "httpPath": "/index/api/pilot/pushRoute")";
 
-TEST(PluginApiListText, AnEntryKeepsEveryField)
+TEST(PluginApiListText, AnEntryKeepsEveryFieldAndNullMeansNone)
 {
-    const auto apis = parsePluginApiList(entry(goodMembers));
-    ASSERT_EQ(apis.size(), 1u);
+    const auto apis = parsePluginApiList(R"({"apis": [{)" + std::string(goodMembers) + R"(},
+        {"name": "getPhotoCount", "number": 309, "category": null, "streaming": true, "needsVehicle": false,
+         "httpPath": null}]})");
+    ASSERT_EQ(apis.size(), 2u);
     EXPECT_EQ(apis[0].name, "pushRoute");
     EXPECT_EQ(apis[0].number, 27);
     EXPECT_EQ(apis[0].category, "flightControl");
     EXPECT_FALSE(apis[0].streaming);
     EXPECT_TRUE(apis[0].needsVehicle);
     EXPECT_EQ(apis[0].httpPath, "/index/api/pilot/pushRoute");
-}
-
-TEST(PluginApiListText, NullCategoryAndPathMeanNone)
-{
-    const auto apis = parsePluginApiList(entry(R"("name": "getPhotoCount", "number": 309, "category": null,
-                                                  "streaming": false, "needsVehicle": true, "httpPath": null)"));
-    ASSERT_EQ(apis.size(), 1u);
-    EXPECT_FALSE(apis[0].category);
-    EXPECT_FALSE(apis[0].httpPath);
+    EXPECT_TRUE(apis[1].streaming);
+    EXPECT_FALSE(apis[1].needsVehicle);
+    EXPECT_FALSE(apis[1].category);
+    EXPECT_FALSE(apis[1].httpPath);
     EXPECT_TRUE(parsePluginApiList(R"({"apis": []})").empty());
 }
 

@@ -14,6 +14,7 @@
 #include <Poco/Net/HTTPResponse.h>
 
 #include "app/BusTapRoute.h"
+#include "host/HostTestSupport.h"
 #include "host/HttpTestClient.h"
 #include "host/RecordingPlugin.h"
 #include "http/HttpApiServer.h"
@@ -21,23 +22,11 @@
 
 namespace {
 
+using vlm::test::readBlock;
 using vlm::test::RecordingPlugin;
 
 const char* const guid = "{AAAAAAAA-1111-2222-3333-444444444444}";
 const auto bound = std::chrono::seconds(10);
-
-/// Reads one event block (up to the blank line); "" when the stream ended.
-std::string readBlock(std::istream& in)
-{
-    std::string block;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty())
-            return block;
-        block += line + "\n";
-    }
-    return "";
-}
 
 /// The next block that is an event (not a comment or the retry hint).
 std::string readEvent(std::istream& in)
@@ -72,15 +61,16 @@ protected:
     }
 
     /// Opens the stream and returns once the server has opened the tap.
-    std::istream& openStream(Poco::Net::HTTPClientSession& session, Poco::Net::HTTPResponse& response)
+    std::istream& openStream()
     {
+        session.setHost("127.0.0.1");
+        session.setPort(server->port());
         session.setTimeout(Poco::Timespan(10, 0));
         Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, vlm::host::busTapPath,
                                        Poco::Net::HTTPMessage::HTTP_1_1);
         session.sendRequest(request);
         std::istream& in = session.receiveResponse(response);
-        for (int i = 0; i < 500 && bus->stats().taps == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        vlm::test::eventually([this] { return bus->stats().taps > 0; });
         return in;
     }
 
@@ -89,6 +79,8 @@ protected:
     std::shared_ptr<RecordingPlugin> receiver = std::make_shared<RecordingPlugin>();
     std::shared_ptr<vlm::HttpApiServer> server;
     std::unique_ptr<vlm::host::BusTapRoute> route;
+    Poco::Net::HTTPClientSession session;
+    Poco::Net::HTTPResponse response;
 };
 
 // Tap readers with a small byte budget, so that a stream falls behind soon.
@@ -124,9 +116,7 @@ std::pair<std::vector<std::uint64_t>, std::uint64_t> readUpTo(std::istream& in, 
 
 TEST_F(SmallTapBudgetTest, AStreamThatFallsBehindByBytesIsToldWhatItMissedAndGetsTheRestInOrder)
 {
-    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse response;
-    std::istream& in = openStream(session, response);
+    std::istream& in = openStream();
     ASSERT_EQ(bus->stats().taps, 1u);
     // A second reader that reads nothing until the end.
     const auto probe = bus->openTap();
@@ -163,19 +153,16 @@ TEST_F(SmallTapBudgetTest, AStreamThatFallsBehindByBytesIsToldWhatItMissedAndGet
     EXPECT_GE(shown.front(), first);
 
     EXPECT_EQ(bus->stats().tapDropped, kept.dropped + streamDropped);
-    int lines = 0;
-    for (const auto& line : log.lines())
-        lines += line.text.rfind("bus tap reader behind", 0) == 0 ? 1 : 0;
-    EXPECT_EQ(lines, 2) << "one line for each reader's burst";
+    EXPECT_EQ(vlm::test::linesWith(log, "bus tap reader behind"), 2) << "one line for each reader's burst";
 }
 
-TEST_F(BusTapRouteTest, StreamShowsEveryMessageAsAnEventInBusOrder)
+TEST_F(BusTapRouteTest, QuietStreamsGetKeepAliveCommentsAndEveryMessageAsAnEventInBusOrder)
 {
-    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse response;
-    std::istream& in = openStream(session, response);
+    std::istream& in = openStream();
     EXPECT_EQ(response.getContentType(), "text/event-stream");
     ASSERT_EQ(bus->stats().taps, 1u);
+    EXPECT_EQ(readBlock(in), "retry: 3000\n");
+    EXPECT_EQ(readBlock(in), ": keep-alive\n");
 
     const std::uint64_t first = bus->post(R"({"to":[],"n":1})", "p");
     const std::uint64_t second = bus->post("line one\nline two", "p");
@@ -183,20 +170,9 @@ TEST_F(BusTapRouteTest, StreamShowsEveryMessageAsAnEventInBusOrder)
     EXPECT_EQ(readEvent(in), "id: " + std::to_string(second) + "\nevent: rejected\ndata: line one\ndata: line two\n");
 }
 
-TEST_F(BusTapRouteTest, QuietStreamsGetKeepAliveComments)
-{
-    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse response;
-    std::istream& in = openStream(session, response);
-    EXPECT_EQ(readBlock(in), "retry: 3000\n");
-    EXPECT_EQ(readBlock(in), ": keep-alive\n");
-}
-
 TEST_F(BusTapRouteTest, PostDeliversTheBodyUnchangedAndTheStreamShowsIt)
 {
-    Poco::Net::HTTPClientSession streamSession("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse streamResponse;
-    std::istream& in = openStream(streamSession, streamResponse);
+    std::istream& in = openStream();
 
     const std::string body = R"({"to": ["aaaaaaaa-1111-2222-3333-444444444444"], "api": "getConfig"})";
     const auto answer = vlm::test::post(vlm::host::busTapPath, body).sendTo(server->port());
@@ -213,7 +189,7 @@ TEST_F(BusTapRouteTest, PostDeliversTheBodyUnchangedAndTheStreamShowsIt)
     EXPECT_NE(event.find("data: " + body), std::string::npos);
 }
 
-TEST_F(BusTapRouteTest, BadPostsAreRefusedWithTheReason)
+TEST_F(BusTapRouteTest, BadPostsAndOtherMethodsAreRefusedWithTheReason)
 {
     struct Case {
         std::string body;
@@ -235,23 +211,18 @@ TEST_F(BusTapRouteTest, BadPostsAreRefusedWithTheReason)
     }
     EXPECT_EQ(bus->stats().posted, 0u);
     EXPECT_TRUE(receiver->received().empty());
-}
 
-TEST_F(BusTapRouteTest, OtherMethodsAre405)
-{
-    vlm::test::HttpCall call;
-    call.method = Poco::Net::HTTPRequest::HTTP_PUT;
-    call.uri = vlm::host::busTapPath;
-    const auto answer = call.sendTo(server->port());
+    vlm::test::HttpCall put;
+    put.method = Poco::Net::HTTPRequest::HTTP_PUT;
+    put.uri = vlm::host::busTapPath;
+    const auto answer = put.sendTo(server->port());
     EXPECT_EQ(answer.status, 405);
     EXPECT_EQ(answer.headers.at("Allow"), "GET, POST");
 }
 
 TEST_F(BusTapRouteTest, StreamsEndWhenTheBusStops)
 {
-    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse response;
-    std::istream& in = openStream(session, response);
+    std::istream& in = openStream();
     auto ended = std::async(std::launch::async, [&] {
         while (!readBlock(in).empty()) {
         }
@@ -263,9 +234,7 @@ TEST_F(BusTapRouteTest, StreamsEndWhenTheBusStops)
 
 TEST_F(BusTapRouteTest, StreamsEndWhenTheServerStops)
 {
-    Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-    Poco::Net::HTTPResponse response;
-    openStream(session, response);
+    openStream();
     EXPECT_TRUE(server->stop());
     EXPECT_EQ(server->runningHandlers(), 0);
 }

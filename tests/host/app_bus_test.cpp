@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "app/MessageBus.h"
+#include "host/HostTestSupport.h"
 #include "host/RecordingPlugin.h"
 #include "support/LogCapture.h"
 
@@ -19,6 +20,11 @@ using vlm::test::RecordingPlugin;
 const char* const guidA = "{AAAAAAAA-1111-2222-3333-444444444444}";
 const char* const guidB = "{BBBBBBBB-1111-2222-3333-444444444444}";
 const auto bound = std::chrono::seconds(5);
+
+std::string quoted(const std::string& guid)
+{
+    return "\"" + guid + "\"";
+}
 
 std::string addressedTo(const std::string& receivers, const std::string& extra = "")
 {
@@ -57,31 +63,24 @@ TEST(BusGuid, ComparesWithoutBracesAndCase)
     EXPECT_EQ(vlm::host::normalizeGuid(""), "");
 }
 
-TEST_F(MessageBusTest, DeliversToEveryNamedPluginInWhateverFormTheGuidIsWritten)
+TEST_F(MessageBusTest, DeliversTheTextUnchangedOnTheBusThreadOnceToEveryNamedPluginHoweverItsGuidIsWritten)
 {
-    deliver(addressedTo(R"("aaaaaaaa-1111-2222-3333-444444444444","{bbbbbbbb-1111-2222-3333-444444444444}")"));
-    EXPECT_EQ(a->received().size(), 1u);
-    EXPECT_EQ(b->received().size(), 1u);
-
+    const std::string both =
+        addressedTo(R"("aaaaaaaa-1111-2222-3333-444444444444","{bbbbbbbb-1111-2222-3333-444444444444}")", R"(,"n":1.50)");
+    deliver(both);
     deliver(addressedTo(R"("BBBBBBBB-1111-2222-3333-444444444444")"));
-    EXPECT_EQ(a->received().size(), 1u);
-    EXPECT_EQ(b->received().size(), 2u);
-}
-
-TEST_F(MessageBusTest, HandsOverTheTextUnchangedOnTheBusThreadOncePerPlugin)
-{
-    const std::string text = addressedTo(std::string("\"") + guidA + "\",\"" + guidA + "\"", R"(,"n":1.50)");
-    deliver(text);
+    deliver(addressedTo(quoted(guidA) + "," + quoted(guidA)));
     const auto got = a->received();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].text, text);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].text, both);
     EXPECT_NE(got[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(b->received().size(), 2u);
 }
 
 TEST_F(MessageBusTest, KeepsTheOrderOfPosting)
 {
     for (int i = 0; i < 200; ++i)
-        ASSERT_NE(bus.post(addressedTo(std::string("\"") + guidB + "\"", ",\"i\":" + std::to_string(i)), "test"), 0u);
+        ASSERT_NE(bus.post(addressedTo(quoted(guidB), ",\"i\":" + std::to_string(i)), "test"), 0u);
     const auto got = b->waitFor(200);
     ASSERT_EQ(got.size(), 200u);
     for (int i = 0; i < 200; ++i)
@@ -91,8 +90,8 @@ TEST_F(MessageBusTest, KeepsTheOrderOfPosting)
 TEST_F(MessageBusTest, APluginMayAnswerFromInsidePushMessage)
 {
     b->answer = [](const std::string&) { return std::string(); };
-    a->answer = [](const std::string&) { return addressedTo(std::string("\"") + guidB + "\"", R"(,"answer":true)"); };
-    deliver(addressedTo(std::string("\"") + guidA + "\""));
+    a->answer = [](const std::string&) { return addressedTo(quoted(guidB), R"(,"answer":true)"); };
+    deliver(addressedTo(quoted(guidA)));
     const auto got = b->waitFor(1);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_NE(got[0].text.find("\"answer\":true"), std::string::npos);
@@ -119,7 +118,7 @@ TEST_F(MessageBusTest, EveryMessageReachesEveryTapInOrder)
 {
     auto first = bus.openTap();
     auto second = bus.openTap();
-    deliver(addressedTo(std::string("\"") + guidA + "\""));
+    deliver(addressedTo(quoted(guidA)));
     deliver("broken");
     for (const auto& tap : {first, second}) {
         const BusTap::Batch batch = tap->take(std::chrono::milliseconds(0));
@@ -141,7 +140,7 @@ TEST_F(MessageBusTest, StopClosesTapsAndRefusesLaterPosts)
     auto tap = bus.openTap();
     bus.stop();
     EXPECT_TRUE(tap->take(bound).closed);
-    EXPECT_EQ(bus.post(addressedTo(std::string("\"") + guidA + "\""), "late"), 0u);
+    EXPECT_EQ(bus.post(addressedTo(quoted(guidA)), "late"), 0u);
     EXPECT_EQ(bus.stats().dropped, 1u);
     EXPECT_TRUE(bus.openTap()->take(std::chrono::milliseconds(0)).closed);
 }
@@ -248,10 +247,7 @@ TEST(MessageBusLimits, AMessageLargerThanTheBoundIsRefusedAndLoggedOncePerBurst)
     EXPECT_EQ(log.errors("bus: refused a message of 5001 bytes from sender-a: larger than 5000 bytes (1000 refused "
                          "so far)"),
               1);
-    int lines = 0;
-    for (const auto& line : log.lines())
-        lines += line.text.find("bus: refused a message") != std::string::npos ? 1 : 0;
-    EXPECT_EQ(lines, 2);
+    EXPECT_EQ(vlm::test::linesWith(log, "bus: refused a message"), 2);
 }
 
 TEST(MessageBusLimits, StopDropsWhatIsStillQueuedAndLogsHowMuch)

@@ -4,67 +4,34 @@
 
 #include <gtest/gtest.h>
 
-#include <Poco/JSON/Parser.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/NetException.h>
 
-#include "VelmoraCommon.h"
 #include "VelmoraPlugins.h"
-#include "app/HostApp.h"
-#include "host/HttpTestClient.h"
-#include "plugin/ScriptedService.h"
+#include "host/HostAppFixture.h"
+#include "host/HostTestSupport.h"
 #include "support/LogCapture.h"
-#include "support/MosquittoBroker.h"
 
 namespace {
 
-using vlm::host::HostApp;
+using vlm::test::pilotGuid;
 
-const char* const pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
-const auto bound = std::chrono::seconds(10);
-
-class HostAppTest : public ::testing::Test {
+class HostAppTest : public vlm::test::HostAppFixture {
 protected:
     void SetUp() override
     {
-        broker.start();
-        // The plug-in reads the broker keys from the host configuration itself.
-        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
-        vlm::configInstance().setString("mqtt.user_name", "");
-        vlm::configInstance().setString("mqtt.pawsswd", "");
-        const std::string service = std::to_string(this->service.port);
-        const std::string text = R"({
-          "http": {"port": 0, "threads": 16},
-          "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": ""},
-          "station": {"station_sn": "station-7"},
-          "bus": {"max_message_bytes": 4096},
-          "plugins": [
-            {"library": "/no/such/libGone.so", "service_port": 1},
-            {"library": ")" + std::string(VELMORA_NON_PLUGIN_LIBRARY) + R"(", "service_port": 1},
-            {"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_port": )" + service + R"(},
-            {"library": ")" + std::string(VELMORA_PILOT_PLUGIN) + R"(", "service_port": )" + service + R"(}
-          ]})";
-        auto root = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
-        app = std::make_unique<HostApp>(vlm::host::parseHostConfig(*root, "/etc/velmora/host.json", ""));
-        app->start();
-    }
-
-    void TearDown() override { app.reset(); }
-
-    Poco::JSON::Object::Ptr health()
-    {
-        const auto answer = vlm::test::get("/host/health").sendTo(app->httpPort());
-        EXPECT_EQ(answer.status, 200);
-        EXPECT_EQ(answer.contentType, "application/json");
-        return answer.json();
+        HostAppFixture::SetUp();
+        const std::string pilot = pilotPlugin();
+        startHost(R"(, "threads": 16)",
+                  R"({"library": "/no/such/libGone.so", "service_port": 1},
+                     {"library": ")" + std::string(VELMORA_NON_PLUGIN_LIBRARY) + R"(", "service_port": 1},)" +
+                      pilot + "," + pilot,
+                  R"("bus": {"max_message_bytes": 4096},)");
     }
 
     vlm::test::LogCapture log;
-    vlm::test::MosquittoBroker broker;
-    vlm::test::ScriptedService service;
-    std::unique_ptr<HostApp> app;
 };
 
 TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailureWithItsReason)
@@ -114,11 +81,8 @@ TEST_F(HostAppTest, HealthCountsWhatTheBusRefusedAndWhatWaits)
     const auto bus = report->getObject("bus");
     ASSERT_TRUE(bus);
     EXPECT_EQ(bus->getValue<std::uint64_t>("oversize"), 1u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("dropped_for_bytes"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("tap_dropped"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("queued_bytes"), 0u);
-    EXPECT_EQ(bus->getValue<std::uint64_t>("queued"), 0u);
+    for (const char* counter : {"dropped", "dropped_for_bytes", "tap_dropped", "queued_bytes", "queued"})
+        EXPECT_EQ(bus->getValue<std::uint64_t>(counter), 0u) << counter;
 }
 
 TEST_F(HostAppTest, BusTapStreamsTakeAtMostHalfTheHostReserveAndHealthCountsRefusals)
@@ -148,45 +112,10 @@ TEST_F(HostAppTest, BusTapStreamsTakeAtMostHalfTheHostReserveAndHealthCountsRefu
     EXPECT_GE(http->getValue<int>("connections"), 2);  // the tap and this request
 }
 
-TEST_F(HostAppTest, HealthAnswersGetOnly)
+TEST_F(HostAppTest, HostRoutesAnswerGetOnly)
 {
-    EXPECT_EQ(vlm::test::post("/host/health", "{}").sendTo(app->httpPort()).status, 405);
-}
-
-TEST_F(HostAppTest, ThePluginServesItsApiOnTheHostsServer)
-{
-    const auto answer = vlm::test::post("/index/api/pilot/getConfig",
-                                        R"({"type":"request","from":"app","target":"st","msgId":"9","message":{}})")
-                            .sendTo(app->httpPort());
-    EXPECT_EQ(answer.status, 200);
-    const auto json = answer.json();
-    ASSERT_TRUE(json) << answer.body;
-    EXPECT_EQ(json->getValue<std::string>("msgId"), "9");
-    EXPECT_EQ(json->getValue<std::string>("type"), "response");
-}
-
-TEST_F(HostAppTest, ABusMessageReachesThePluginAndItsAnswerComesBackOnTheBus)
-{
-    auto tap = app->bus().openTap();
-    const auto posted = vlm::test::post("/host/bus", R"({"to":["d639b3d5-a951-4bc7-a629-91255ebf9638"],)"
-                                                     R"("guid":"{11111111-0000-0000-0000-000000000000}",)"
-                                                     R"("api":"getConfig","type":"request","msgId":"b1"})")
-                            .sendTo(app->httpPort());
-    ASSERT_EQ(posted.status, 202) << posted.body;
-
-    bool answered = false;
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!answered && std::chrono::steady_clock::now() < deadline) {
-        for (const auto& message : tap->take(std::chrono::milliseconds(200)).messages)
-            answered = answered || (message.origin == pilotGuid && message.text.find("\"msgId\":\"b1\"") != std::string::npos &&
-                                    message.text.find("\"type\":\"response\"") != std::string::npos);
-    }
-    EXPECT_TRUE(answered);
-    bool forwarded = false;
-    for (const auto& call : service.calls())
-        forwarded = forwarded || (call.name == "telementry" && !call.args.empty() &&
-                                  call.args[0].find("\"msgId\":\"b1\"") != std::string::npos);
-    EXPECT_TRUE(forwarded);
+    for (const char* path : {"/host/health", "/host/openapi.json"})
+        EXPECT_EQ(send(vlm::test::post(path, "{}")).status, 405) << path;
 }
 
 TEST_F(HostAppTest, StopTakesEverythingDownInOrderAndOnlyOnce)

@@ -9,50 +9,28 @@
 #include <functional>
 #include <thread>
 
-#include <Poco/JSON/Parser.h>
-
-#include "VelmoraCommon.h"
-#include "app/HostApp.h"
 #include "app/PluginLinkHealth.h"
-#include "host/HttpTestClient.h"
-#include "plugin/ScriptedService.h"
-#include "support/MosquittoBroker.h"
+#include "host/HostAppFixture.h"
 
 namespace {
 
-using vlm::host::HostApp;
 using namespace std::chrono_literals;
 
-class HostLinkHealth : public ::testing::Test {
+class HostLinkHealth : public vlm::test::HostAppFixture {
 protected:
     void SetUp() override
     {
-        broker.start();
-        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
-        vlm::configInstance().setString("mqtt.user_name", "");
-        vlm::configInstance().setString("mqtt.pawsswd", "");
-        const std::string text = R"({
-          "http": {"port": 0},
-          "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": ""},
-          "station": {"station_sn": "station-7"},
-          "plugins": [{"library": ")" + std::string(VELMORA_PILOT_PLUGIN) +
-                                 R"(", "service_address": "127.0.0.1", "service_port": )" +
-                                 std::to_string(service.port) + R"(}]})";
-        auto root = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
-        app = std::make_unique<HostApp>(vlm::host::parseHostConfig(*root, "/etc/velmora/host.json", ""));
-        app->start();
+        HostAppFixture::SetUp();
+        startHost();
         ASSERT_EQ(app->startedPlugins(), 1u);
         ASSERT_TRUE(service.service.wait_for_subscriber("heartBeat", 10s));
     }
 
-    void TearDown() override { app.reset(); }
-
     /// plugins[0].service of the health report.
     Poco::JSON::Object::Ptr serviceReport()
     {
-        const auto answer = vlm::test::get("/host/health").sendTo(app->httpPort());
-        EXPECT_EQ(answer.status, 200);
-        const auto plugins = answer.json()->getArray("plugins");
+        const auto report = health();
+        const auto plugins = report ? report->getArray("plugins") : nullptr;
         return plugins && plugins->size() == 1 ? plugins->getObject(0)->getObject("service") : nullptr;
     }
 
@@ -70,10 +48,6 @@ protected:
         }
         return report;
     }
-
-    vlm::test::MosquittoBroker broker;
-    vlm::test::ScriptedService service;
-    std::unique_ptr<HostApp> app;
 };
 
 TEST_F(HostLinkHealth, ShowsFrameAgesReconnectionsAndCountersOfThePluginsLinks)

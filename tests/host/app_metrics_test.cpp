@@ -209,10 +209,8 @@ protected:
                         std::to_string(count.status) + " " + std::to_string(count.count) + "\n";
             return text;
         });
-        server->apiRegist("/index/api/x",
-                          vlm::RequestApiHandler([](Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&,
-                                                    const vlm::ApiParams&, Poco::JSON::Object& reply,
-                                                    const Poco::JSON::Object&) { reply.set("ok", true); }));
+        server->apiRegist("/index/api/x", vlm::RequestApiHandler([](auto&, auto&, const auto&, auto& reply,
+                                                                    const auto&) { reply.set("ok", true); }));
         server->start();
     }
     void TearDown() override { server->stop(); }

@@ -44,20 +44,12 @@ TEST(PluginLoader, LoadsTheRealPluginAndMakesItsInstanceThroughTheRegistry)
     EXPECT_TRUE(vlm::registeredPluginKeys().empty());
 }
 
-TEST(PluginLoader, AMissingFileNamesEveryPlaceLookedAt)
+TEST(PluginLoader, RefusesWhatIsNoPluginAndSaysWhy)
 {
     EXPECT_EQ(refusal({"/a/libX.so", "/b/libX.so"}), "no such file (looked for /a/libX.so, /b/libX.so)");
-}
-
-TEST(PluginLoader, ALibraryWithoutTheEntryPointsIsNotAPlugin)
-{
     EXPECT_EQ(refusal({VELMORA_NON_PLUGIN_LIBRARY}),
               "not a Velmora plug-in: missing entry point(s) PluginName, PluginType, PluginGuid, PluginLoad, "
               "PluginUnLoad");
-}
-
-TEST(PluginLoader, AFileThatIsNoLibraryCannotBeLoaded)
-{
     vlm::test::TempDir dir;
     const std::string reason = refusal({dir.write("libFake.so", "not an ELF file")});
     EXPECT_EQ(reason.rfind("cannot load: ", 0), 0u) << reason;

@@ -34,21 +34,6 @@ Poco::Net::IPAddress ip(const char* text)
     return Poco::Net::IPAddress(text);
 }
 
-TEST(TcpTable, ParsesIpv4AndIpv6Lines)
-{
-    TcpTableEntry entry;
-    ASSERT_TRUE(vlm::host::parseTcpTableLine(v4Line, entry));
-    EXPECT_EQ(entry.remoteAddress, ip("127.0.0.1"));
-    EXPECT_EQ(entry.remotePort, 7700);
-    EXPECT_EQ(entry.state, 1);
-    EXPECT_EQ(entry.inode, 1234u);
-
-    ASSERT_TRUE(vlm::host::parseTcpTableLine(v6Line, entry));
-    EXPECT_EQ(entry.remoteAddress, ip("::1"));
-    EXPECT_EQ(entry.state, 2);
-    EXPECT_EQ(entry.inode, 99u);
-}
-
 TEST(TcpTable, RefusesTheHeaderAndMalformedLines)
 {
     TcpTableEntry entry;

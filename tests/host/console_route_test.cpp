@@ -50,7 +50,7 @@ protected:
     std::unique_ptr<vlm::HttpApiServer> server;
 };
 
-TEST_F(ConsoleRouteTest, ThePageAndEveryFileLoadWithoutTheTokenAsTheyAreOnDisk)
+TEST_F(ConsoleRouteTest, ThePageAndEveryFileLoadWithoutTheTokenAsTheyAreOnDiskWithTheirMediaTypes)
 {
     const auto page = send(get("/host/console"));
     ASSERT_EQ(page.status, 200) << page.body;
@@ -77,10 +77,6 @@ TEST_F(ConsoleRouteTest, ThePageAndEveryFileLoadWithoutTheTokenAsTheyAreOnDisk)
     for (Poco::DirectoryIterator it{std::string(VELMORA_CONSOLE_SOURCE_DIR)}, end; it != end; ++it)
         onDisk.insert(it.name());
     EXPECT_EQ(served, onDisk);
-}
-
-TEST_F(ConsoleRouteTest, ScriptsAndStylesHaveTheirMediaTypes)
-{
     EXPECT_EQ(send(get("/host/console/app.js")).contentType, "text/javascript; charset=utf-8");
     EXPECT_EQ(send(get("/host/console/style.css")).contentType, "text/css; charset=utf-8");
     EXPECT_EQ(vlm::host::consoleContentType("logo.svg"), "image/svg+xml");

@@ -21,16 +21,13 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 
+#include "host/HostTestSupport.h"
 #include "host/HttpTestClient.h"
 #include "http/HttpApiServer.h"
 #include "support/LogCapture.h"
 
 namespace {
 
-using vlm::ApiParams;
-using Poco::JSON::Object;
-using Poco::Net::HTTPServerRequest;
-using Poco::Net::HTTPServerResponse;
 
 const auto bound = std::chrono::seconds(10);
 
@@ -85,16 +82,15 @@ protected:
         server->start();
 
         // Plug-in style routes that hold their thread until the test releases them.
-        server->apiRegist(streamPath, vlm::StreamApiHandler([this](HTTPServerRequest&, HTTPServerResponse& response,
-                                                                   const ApiParams&, Object&) {
+        server->apiRegist(streamPath, vlm::StreamApiHandler([this](auto&, auto& response, const auto&, auto&) {
                               response.setContentType("text/event-stream");
                               std::ostream& out = response.send();
                               out << "id: 1\n\n";
                               out.flush();
                               waitForRelease();
                           }));
-        server->apiRegist(requestPath, vlm::RequestApiHandler([this](HTTPServerRequest&, HTTPServerResponse&,
-                                                                     const ApiParams&, Object& reply, const Object&) {
+        server->apiRegist(requestPath, vlm::RequestApiHandler([this](auto&, auto&, const auto&, auto& reply,
+                                                                     const auto&) {
                               {
                                   std::lock_guard<std::mutex> lock(mutex);
                                   ++requestsEntered;
@@ -103,8 +99,7 @@ protected:
                               waitForRelease();
                               reply.set("answered", true);
                           }));
-        server->apiRegist("/host/health", vlm::StreamApiHandler([](HTTPServerRequest&, HTTPServerResponse&,
-                                                                   const ApiParams&, Object& reply) {
+        server->apiRegist("/host/health", vlm::StreamApiHandler([](auto&, auto&, const auto&, auto& reply) {
                               reply.set("status", "ok");
                           }));
     }
@@ -134,18 +129,6 @@ protected:
     {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, bound, [&] { return requestsEntered >= n; });
-    }
-
-    /// Polls the counters until `done` holds; bounded.
-    template <typename Predicate>
-    bool countersReach(Predicate done)
-    {
-        for (int i = 0; i < 500; ++i) {
-            if (done(server->counters()))
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
     }
 
     std::uint16_t port() const { return server->port(); }
@@ -182,7 +165,7 @@ TEST_F(HttpCapacityTest, WithEveryPluginSlotTakenHostPathsAnswerAndOneMoreIsRefu
         EXPECT_EQ(idle.status, 200);
         EXPECT_TRUE(idle.keepAlive);
     }
-    ASSERT_TRUE(countersReach([](const vlm::HttpServerCounters& c) { return c.connections == 0; }));
+    ASSERT_TRUE(vlm::test::eventually([this] { return server->counters().connections == 0; }));
 
     std::vector<std::unique_ptr<StreamClient>> streams;
     streams.push_back(std::make_unique<StreamClient>("127.0.0.1", port(), streamPath));
@@ -235,7 +218,8 @@ TEST_F(HttpCapacityTest, WithEveryPluginSlotTakenHostPathsAnswerAndOneMoreIsRefu
         EXPECT_EQ(request.get().body, "{\"answered\":true}");
     }
     streams.clear();
-    ASSERT_TRUE(countersReach([](const vlm::HttpServerCounters& c) {
+    ASSERT_TRUE(vlm::test::eventually([this] {
+        const auto c = server->counters();
         return c.openStreams == 0 && c.waitingRequests == 0;
     }));
     // The slots were given back.
@@ -243,7 +227,7 @@ TEST_F(HttpCapacityTest, WithEveryPluginSlotTakenHostPathsAnswerAndOneMoreIsRefu
     EXPECT_EQ(again.response.getStatus(), 200);
 }
 
-TEST_F(HttpCapacityTest, StreamsAreCountedPerClientAddress)
+TEST_F(HttpCapacityTest, StreamsAreCountedPerClientAddressAndRefusalsLoggedOncePerBurst)
 {
     StreamClient first("127.0.0.1", port(), streamPath);
     StreamClient second("127.0.0.1", port(), streamPath);
@@ -254,6 +238,8 @@ TEST_F(HttpCapacityTest, StreamsAreCountedPerClientAddress)
     EXPECT_EQ(third.response.getStatus(), 503);
     EXPECT_EQ(third.response.get("Retry-After", ""), "5");
     EXPECT_NE(third.firstLine().find("from 127.0.0.1 (2)"), std::string::npos);
+    for (int i = 0; i < 19; ++i)
+        EXPECT_EQ(StreamClient("127.0.0.1", port(), streamPath).response.getStatus(), 503);
 
     // Another address has its own count while the total allows it.
     StreamClient other("127.0.0.2", port(), streamPath);
@@ -261,46 +247,21 @@ TEST_F(HttpCapacityTest, StreamsAreCountedPerClientAddress)
     EXPECT_EQ(other.firstLine(), "id: 1");
 
     const auto counters = server->counters();
-    EXPECT_EQ(counters.streamsRefusedPerClient, 1u);
+    EXPECT_EQ(counters.streamsRefusedPerClient, 20u);
     EXPECT_EQ(counters.streamsRefused, 0u);
     EXPECT_EQ(counters.openStreams, 3);
     EXPECT_TRUE(log.contains("from 127.0.0.1 (2)"));
+    EXPECT_EQ(vlm::test::linesWith(log, "too many event streams open from"), 1);
 }
 
-TEST_F(HttpCapacityTest, RefusalsAreLoggedOncePerBurst)
-{
-    StreamClient first("127.0.0.1", port(), streamPath);
-    StreamClient second("127.0.0.1", port(), streamPath);
-    ASSERT_EQ(second.response.getStatus(), 200);
-    for (int i = 0; i < 20; ++i) {
-        StreamClient refused("127.0.0.1", port(), streamPath);
-        EXPECT_EQ(refused.response.getStatus(), 503);
-    }
-    EXPECT_EQ(server->counters().streamsRefusedPerClient, 20u);
-    int logged = 0;
-    for (const auto& line : log.lines())
-        logged += line.text.find("too many event streams open from") != std::string::npos ? 1 : 0;
-    EXPECT_EQ(logged, 1);
-}
-
-TEST(HttpCapacity, DefaultsTakeSharesOfTheThreadsAndCapsMustFit)
+// The shares and the checks of each cap are read through the host's
+// configuration in app_config_test.cpp; here the server itself refuses.
+TEST(HttpCapacity, AServerWhoseCapsDoNotFitItsThreadsIsNotMade)
 {
     vlm::HttpApiServerOptions options;
     options.workerThreads = 128;
-    const auto defaults = vlm::httpCapacity(options);
-    EXPECT_EQ(defaults.reservedHostThreads + defaults.maxStreams + defaults.maxWaitingRequests, 128);
-    EXPECT_FALSE(vlm::httpCapacityProblem(options));
-
-    options.maxWaitingRequests = 49;
-    const auto tooMany = vlm::httpCapacityProblem(options);
-    ASSERT_TRUE(tooMany);
-    EXPECT_EQ(tooMany->key, "http.threads");
+    options.maxWaitingRequests = 49;  // 16 + 64 + 49 > 128
     EXPECT_THROW(vlm::HttpApiServer{options}, std::invalid_argument);
-
-    options.maxWaitingRequests = 0;
-    options.maxStreamsPerClient = 65;
-    ASSERT_TRUE(vlm::httpCapacityProblem(options));
-    EXPECT_EQ(vlm::httpCapacityProblem(options)->key, "http.max_streams_per_client");
 }
 
 } // namespace

@@ -16,14 +16,13 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/NetException.h>
 
+#include "host/HostTestSupport.h"
 #include "host/HttpTestClient.h"
 #include "http/HttpApiServer.h"
 
 namespace {
 
-using vlm::ApiParams;
-using Poco::JSON::Object;
-using Poco::Net::HTTPServerRequest;
+using vlm::test::readBlock;
 using Poco::Net::HTTPServerResponse;
 
 const auto bound = std::chrono::seconds(10);
@@ -53,19 +52,6 @@ struct BlockWriter {
     }
 };
 
-/// Reads one event block (up to the blank line); "" when the stream ended.
-std::string readBlock(std::istream& in)
-{
-    std::string block;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty())
-            return block;
-        block += line + "\n";
-    }
-    return "";
-}
-
 class HttpEventStreamTest : public ::testing::Test {
 protected:
     void start(vlm::HttpApiServerOptions options = {})
@@ -94,8 +80,7 @@ TEST_F(HttpEventStreamTest, EachFlushedBlockReachesTheClientBeforeTheNextIsWritt
     auto clientHasFirstFuture = clientHasFirst.get_future().share();
     std::promise<bool> handlerSawClient;
     server->apiRegist("/index/api/pilot/pushTelemetry",
-                      vlm::StreamApiHandler([&, clientHasFirstFuture](HTTPServerRequest&, HTTPServerResponse& response,
-                                                                      const ApiParams&, Object&) {
+                      vlm::StreamApiHandler([&, clientHasFirstFuture](auto&, auto& response, const auto&, auto&) {
                           response.setContentType("text/event-stream");
                           std::ostream& out = response.send();
                           out << "id: 1\nevent: pushTelemetry\ndata: {\"n\":1}\n\n";
@@ -128,8 +113,7 @@ TEST_F(HttpEventStreamTest, AClientThatGoesAwayMidStreamEndsTheHandlerByAFailedW
 {
     start();
     BlockWriter writer;
-    server->apiRegist("/stream", vlm::StreamApiHandler([&](HTTPServerRequest&, HTTPServerResponse& response,
-                                                           const ApiParams&, Object&) {
+    server->apiRegist("/stream", vlm::StreamApiHandler([&](auto&, auto& response, const auto&, auto&) {
                           writer.run(response, std::chrono::milliseconds(20));
                       }));
     {
@@ -155,14 +139,12 @@ TEST_F(HttpEventStreamTest, StopReturnsPromptlyWithStreamsOpenAndEndsThem)
 
     BlockWriter writers[2];
     std::atomic<int> next{0};
-    server->apiRegist("/stream", vlm::StreamApiHandler([&](HTTPServerRequest&, HTTPServerResponse& response,
-                                                           const ApiParams&, Object&) {
+    server->apiRegist("/stream", vlm::StreamApiHandler([&](auto&, auto& response, const auto&, auto&) {
                           writers[next++].run(response, std::chrono::milliseconds(80));
                       }));
     std::promise<void> waiterEntered;
     std::promise<bool> waiterSawStop;
-    server->apiRegist("/wait", vlm::RequestApiHandler([&](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&,
-                                                          Object&, const Object&) {
+    server->apiRegist("/wait", vlm::RequestApiHandler([&](auto&, auto&, const auto&, auto&, const auto&) {
                           waiterEntered.set_value();
                           // A handler that writes nothing learns of the stop by asking.
                           const auto deadline = std::chrono::steady_clock::now() + bound;
@@ -171,22 +153,16 @@ TEST_F(HttpEventStreamTest, StopReturnsPromptlyWithStreamsOpenAndEndsThem)
                           waiterSawStop.set_value(server->stopping());
                       }));
 
+    // Each client reads its answer to the end, however it ends.
     auto readUntilEnd = [this](const std::string& method, const std::string& path) {
-        Poco::Net::HTTPClientSession session("127.0.0.1", server->port());
-        session.setTimeout(Poco::Timespan(10, 0));
-        Poco::Net::HTTPRequest request(method, path, Poco::Net::HTTPMessage::HTTP_1_1);
-        request.setContentLength(0);
-        session.sendRequest(request);
-        Poco::Net::HTTPResponse response;
+        vlm::test::HttpCall call;
+        call.method = method;
+        call.uri = path;
         try {
-            std::istream& in = session.receiveResponse(response);
-            int blocks = 0;
-            while (!readBlock(in).empty() && blocks < 10000)
-                ++blocks;
+            call.sendTo(server->port());
         } catch (const Poco::Exception&) {
             // A connection shut down under the client is one way to end.
         }
-        return true;
     };
     auto client1 = std::async(std::launch::async, readUntilEnd, "GET", "/stream");
     auto client2 = std::async(std::launch::async, readUntilEnd, "GET", "/stream");
@@ -222,8 +198,7 @@ TEST_F(HttpEventStreamTest, AStreamHandlerThatWritesNothingAnswersWithItsReplyOb
 {
     start();
     server->apiRegist("/index/api/pilot/updateProgress",
-                      vlm::StreamApiHandler([](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&,
-                                               Object& reply) { reply.set("code", 4001); }));
+                      vlm::StreamApiHandler([](auto&, auto&, const auto&, auto& reply) { reply.set("code", 4001); }));
     const auto answer = vlm::test::get("/index/api/pilot/updateProgress").sendTo(server->port());
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(answer.contentType, "application/json");

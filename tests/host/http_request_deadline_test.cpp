@@ -24,10 +24,6 @@
 
 namespace {
 
-using vlm::ApiParams;
-using Poco::JSON::Object;
-using Poco::Net::HTTPServerRequest;
-using Poco::Net::HTTPServerResponse;
 
 /// What a slow client saw.
 struct SlowOutcome {
@@ -99,8 +95,7 @@ protected:
         options.keepAliveTimeout = std::chrono::seconds(2);
         server = std::make_unique<vlm::HttpApiServer>(options);
         server->start();
-        server->apiRegist(path, vlm::RequestApiHandler([this](HTTPServerRequest&, HTTPServerResponse&,
-                                                              const ApiParams&, Object& reply, const Object&) {
+        server->apiRegist(path, vlm::RequestApiHandler([this](auto&, auto&, const auto&, auto& reply, const auto&) {
                               ++calls;
                               reply.set("served", true);
                           }));

@@ -2,167 +2,52 @@
 // test: delivery, publishing, a broker that goes away and comes back, and
 // credentials.
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <functional>
 #include <future>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "mqtt/PahoMqttClient.h"
-#include "support/LogCapture.h"
-#include "support/MosquittoBroker.h"
+#include "host/MqttPeers.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using vlm::test::hostTestBound;
+using vlm::test::Inbox;
 using vlm::test::MosquittoBroker;
+using vlm::test::optionsFor;
 
-const auto bound = std::chrono::milliseconds(10000);
+using MqttClientTest = vlm::test::MqttPeersTest;
 
-/// Messages one handler received, with a bounded wait for more.
-class Inbox {
-public:
-    vlm::MqttClient::MessageHandler handler()
-    {
-        return [this](const std::string& topic, const std::string& payload) {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                messages.emplace_back(topic, payload);
-            }
-            arrived.notify_all();
-        };
-    }
-
-    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = bound)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return arrived.wait_for(lock, timeout, [&] { return messages.size() >= count; });
-    }
-
-    std::vector<std::pair<std::string, std::string>> all()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return messages;
-    }
-
-    std::size_t size()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return messages.size();
-    }
-
-private:
-    std::mutex mutex;  // guards messages
-    std::condition_variable arrived;
-    std::vector<std::pair<std::string, std::string>> messages;
-};
-
-/// Polls a condition that no callback announces, bounded in time.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = bound)
+TEST_F(MqttClientTest, DeliversEachMessageExactlyOnceToEveryHandlerWhoseFilterMatches)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
-vlm::MqttClientOptions optionsFor(const MosquittoBroker& broker)
-{
-    vlm::MqttClientOptions options;
-    options.serverUri = broker.hostPort();
-    options.stationSerial = "SN-TEST-1";
-    options.reconnectMinDelay = 50ms;
-    options.reconnectMaxDelay = 400ms;
-    return options;
-}
-
-/// Connects the clients at the same time. The library serves every client of
-/// the process from one network thread that notices a new connection only
-/// after its poll of the other, idle sockets times out (about a second, twice
-/// per connect); connects started together share one poll and are quick.
-bool connectTogether(std::initializer_list<vlm::PahoMqttClient*> clients)
-{
-    std::vector<std::future<bool>> attempts;
-    for (auto* client : clients)
-        attempts.push_back(std::async(std::launch::async, [client] { return client->connect(); }));
-    bool all = true;
-    for (auto& attempt : attempts)
-        all = attempt.get() && all;
-    return all;
-}
-
-class MqttClientTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        broker.start();
-        station = std::make_unique<vlm::PahoMqttClient>(optionsFor(broker));
-        peer = std::make_unique<vlm::PahoMqttClient>(optionsFor(broker));
-        ASSERT_TRUE(connectTogether({station.get(), peer.get()})) << broker.output();
-    }
-
-    /// An inbox that outlives both clients, so no delivery can reach it after
-    /// the test body has ended.
-    Inbox& newInbox() { return inboxes.emplace_back(); }
-
-    MosquittoBroker broker;
-    std::deque<Inbox> inboxes;
-    std::unique_ptr<vlm::PahoMqttClient> station;
-    std::unique_ptr<vlm::PahoMqttClient> peer;
-};
-
-TEST_F(MqttClientTest, DeliversEachMessageOnlyToTheHandlersWhoseFilterMatches)
-{
+    connect();
     Inbox& commands = newInbox();
+    Inbox& commandsToo = newInbox();
     Inbox& everything = newInbox();
     ASSERT_TRUE(station->Subscribe(commands.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
+    ASSERT_TRUE(station->Subscribe(commandsToo.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
     ASSERT_TRUE(station->Subscribe(everything.handler(), "/msg/#", 0));
 
     ASSERT_TRUE(peer->PublishMessage("{\"api\":\"getConfig\"}", "/velmora/pilot/G1/SN-TEST-1/cmd", 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("two", "/velmora/pilot/G1/SN-TEST-1/cmd", 1, 0, 2));
     ASSERT_TRUE(peer->PublishMessage("out", "/msg/pilot/P1/out", 1, 0, 2));
     ASSERT_TRUE(everything.waitForCount(1));
-    ASSERT_TRUE(commands.waitForCount(1));
+    ASSERT_TRUE(commands.waitForCount(2));
+    ASSERT_TRUE(commandsToo.waitForCount(2));
 
     const auto got = commands.all();
-    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[0].first, "/velmora/pilot/G1/SN-TEST-1/cmd");
     EXPECT_EQ(got[0].second, "{\"api\":\"getConfig\"}");
+    EXPECT_EQ(commandsToo.size(), 2u);
     EXPECT_EQ(everything.all(), (std::vector<std::pair<std::string, std::string>>{{"/msg/pilot/P1/out", "out"}}));
     EXPECT_EQ(station->getstation(), "SN-TEST-1");
 }
 
-TEST_F(MqttClientTest, TwoHandlersOnOneTopicEachGetEveryMessageExactlyOnce)
-{
-    Inbox& first = newInbox();
-    Inbox& second = newInbox();
-    Inbox& sentinel = newInbox();
-    ASSERT_TRUE(station->Subscribe(first.handler(), "/SN/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(second.handler(), "/SN/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(sentinel.handler(), "/SN/sentinel", 0));
-
-    ASSERT_TRUE(peer->PublishMessage("one", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("two", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("end", "/SN/sentinel", 1, 0, 2));
-    ASSERT_TRUE(sentinel.waitForCount(1));
-    ASSERT_TRUE(first.waitForCount(2));
-    ASSERT_TRUE(second.waitForCount(2));
-    EXPECT_EQ(first.size(), 2u);
-    EXPECT_EQ(second.size(), 2u);
-}
-
 TEST_F(MqttClientTest, PublishesPayloadsByteForByteWithTheRequestedRetainFlag)
 {
+    connect();
     const std::string binary("a\0b\xff", 4);
     ASSERT_TRUE(peer->PublishMessage(binary, "/station/retained", 2, 1, 2));
 
@@ -175,6 +60,7 @@ TEST_F(MqttClientTest, PublishesPayloadsByteForByteWithTheRequestedRetainFlag)
 
 TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgement)
 {
+    connect();
     // The plug-in answers a command from within the command's handler with a
     // QoS 2 publish that asks to wait a second; the acknowledgement can only be
     // processed once the handler has returned.
@@ -189,7 +75,7 @@ TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgem
 
     ASSERT_TRUE(peer->PublishMessage("ping", "/station/cmd", 0, 0, 0));
     auto result = publishResult.get_future();
-    ASSERT_EQ(result.wait_for(bound), std::future_status::ready);
+    ASSERT_EQ(result.wait_for(hostTestBound), std::future_status::ready);
     EXPECT_TRUE(result.get());
     ASSERT_TRUE(answers.waitForCount(1));
     EXPECT_EQ(answers.all()[0].second, "answer to ping");
@@ -199,6 +85,7 @@ TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgem
 
 TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
 {
+    connect();
     Inbox& removedA = newInbox();
     Inbox& removedB = newInbox();
     Inbox& kept = newInbox();
@@ -219,6 +106,7 @@ TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
 
 TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
 {
+    connect();
     vlm::test::LogCapture log;
     Inbox& after = newInbox();
     ASSERT_TRUE(station->Subscribe([](const std::string&, const std::string&) { throw std::runtime_error("bad json"); },
@@ -232,6 +120,7 @@ TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
 
 TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
 {
+    connect();
     Inbox& inbox = newInbox();
     EXPECT_FALSE(station->Subscribe(inbox.handler(), "a/#/b", 0));
     EXPECT_FALSE(station->Subscribe(inbox.handler(), "", 0));
@@ -244,21 +133,22 @@ TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
 
 TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsReturnWithIt)
 {
+    connect();
     Inbox& inbox = newInbox();
     ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
     ASSERT_TRUE(peer->PublishMessage("before", "/SN/cmd", 1, 0, 2));
     ASSERT_TRUE(inbox.waitForCount(1));
 
     broker.stop();
-    ASSERT_TRUE(eventually([&] { return !station->isConnected() && !peer->isConnected(); }));
+    ASSERT_TRUE(vlm::test::eventually([&] { return !station->isConnected() && !peer->isConnected(); }));
     EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 2, 0, 1));
     EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 0, 0, 0));
 
     // Same port, fresh broker that knows no subscription: both clients come
     // back and the station's subscription is restored without any call.
     broker.start();
-    ASSERT_TRUE(station->waitUntilReady(bound));
-    ASSERT_TRUE(peer->waitUntilReady(bound));
+    ASSERT_TRUE(station->waitUntilReady(hostTestBound));
+    ASSERT_TRUE(peer->waitUntilReady(hostTestBound));
     ASSERT_TRUE(peer->PublishMessage("after", "/SN/cmd", 1, 0, 2));
     ASSERT_TRUE(inbox.waitForCount(2));
     EXPECT_EQ(inbox.all()[1].second, "after");
@@ -266,6 +156,7 @@ TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsRe
 
 TEST_F(MqttClientTest, AfterDisconnectNothingIsPublishedAndConnectRestoresTheSubscriptions)
 {
+    connect();
     Inbox& inbox = newInbox();
     ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
     station->disconnect();
@@ -276,13 +167,11 @@ TEST_F(MqttClientTest, AfterDisconnectNothingIsPublishedAndConnectRestoresTheSub
     ASSERT_TRUE(peer->PublishMessage("again", "/SN/cmd", 1, 0, 2));
     ASSERT_TRUE(inbox.waitForCount(1));
     EXPECT_EQ(inbox.all()[0].second, "again");
-}
 
-TEST_F(MqttClientTest, DisconnectAndDestructionReturnWhileTheBrokerIsAway)
-{
+    // Destruction does not wait for a broker that has gone away.
     broker.stop();
     auto done = std::async(std::launch::async, [&] { station.reset(); });
-    ASSERT_EQ(done.wait_for(bound), std::future_status::ready);
+    ASSERT_EQ(done.wait_for(hostTestBound), std::future_status::ready);
 }
 
 TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater)
@@ -294,12 +183,12 @@ TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater
     EXPECT_FALSE(station.PublishMessage("x", "/SN/cmd", 0, 0, 0));
 
     auto attempt = std::async(std::launch::async, [&] { return station.connect(); });
-    ASSERT_EQ(attempt.wait_for(bound), std::future_status::ready);
+    ASSERT_EQ(attempt.wait_for(hostTestBound), std::future_status::ready);
     EXPECT_FALSE(attempt.get());
     EXPECT_FALSE(station.isConnected());
 
     broker.start();
-    ASSERT_TRUE(station.waitUntilReady(bound));
+    ASSERT_TRUE(station.waitUntilReady(hostTestBound));
     vlm::PahoMqttClient peer(optionsFor(broker));
     ASSERT_TRUE(peer.connect());
     ASSERT_TRUE(peer.PublishMessage("late", "/SN/cmd", 1, 0, 2));

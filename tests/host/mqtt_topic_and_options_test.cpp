@@ -1,12 +1,8 @@
-// Pure parts of the MQTT client: topic filters, broker addresses and the
-// settings read from the host configuration.
+// Pure parts of the MQTT client: topic filters and broker addresses.
 
 #include <stdexcept>
 
 #include <gtest/gtest.h>
-
-#include <Poco/AutoPtr.h>
-#include <Poco/Util/JSONConfiguration.h>
 
 #include "mqtt/MqttClientOptions.h"
 #include "mqtt/MqttTopicFilter.h"
@@ -72,51 +68,6 @@ TEST(MqttServerUri, AcceptsTheConfiguredFormsAndRefusesOthers)
     for (const char* bad : {"", "tcp://", "http://h:80", "h:", "h:0", "h:65536", "h:12x", ":1883", "tcp://h:1/path",
                             "u@h:1", "[::1", "::1:1883"})
         EXPECT_THROW(vlm::normalizeMqttServerUri(bad), std::invalid_argument) << bad;
-}
-
-TEST(MqttClientOptions, ReadsTheHostConfigurationKeysAsStationsSpellThem)
-{
-    Poco::AutoPtr<Poco::Util::JSONConfiguration> config(new Poco::Util::JSONConfiguration);
-    const auto defaults = vlm::MqttClientOptions::fromConfig(*config);
-    EXPECT_EQ(defaults.serverUri, "127.0.0.1:1883");
-    EXPECT_EQ(defaults.userName, "");
-    EXPECT_EQ(defaults.stationSerial, "");
-
-    config->setString("mqtt.server_uri", "10.0.0.2:1884");
-    config->setString("mqtt.user_name", "hangarInside");
-    config->setString("mqtt.pawsswd", "tepid@brkr");
-    config->setString("mqtt.ca_file", "/etc/ca.pem");
-    config->setString("station.station_sn", "SN-0042");
-    const auto options = vlm::MqttClientOptions::fromConfig(*config);
-    EXPECT_EQ(options.serverUri, "10.0.0.2:1884");
-    EXPECT_EQ(options.userName, "hangarInside");
-    EXPECT_EQ(options.password, "tepid@brkr");
-    EXPECT_EQ(options.caFile, "/etc/ca.pem");
-    EXPECT_EQ(options.stationSerial, "SN-0042");
-}
-
-TEST(MqttClientOptions, ReadsTheIntakeBoundsAndTheTlsSwitchWithTheirDefaults)
-{
-    Poco::AutoPtr<Poco::Util::JSONConfiguration> config(new Poco::Util::JSONConfiguration);
-    const auto defaults = vlm::MqttClientOptions::fromConfig(*config);
-    EXPECT_EQ(defaults.maxPayloadBytes, 1048576u);
-    EXPECT_EQ(defaults.deliveryQueueMessages, 1000u);
-    EXPECT_EQ(defaults.deliveryQueueBytes, 16u * 1048576u);
-    EXPECT_EQ(defaults.deliveryThreads, 4u);
-    EXPECT_FALSE(defaults.tlsInsecure);
-    EXPECT_GE(defaults.deliveryQueueBytes, defaults.maxPayloadBytes);
-
-    config->setUInt64("mqtt.max_payload_bytes", 13000000);
-    config->setUInt64("mqtt.delivery_queue_messages", 10);
-    config->setUInt64("mqtt.delivery_queue_bytes", 20000000);
-    config->setUInt64("mqtt.delivery_threads", 1);
-    config->setBool("mqtt.tls_insecure", true);
-    const auto options = vlm::MqttClientOptions::fromConfig(*config);
-    EXPECT_EQ(options.maxPayloadBytes, 13000000u);
-    EXPECT_EQ(options.deliveryQueueMessages, 10u);
-    EXPECT_EQ(options.deliveryQueueBytes, 20000000u);
-    EXPECT_EQ(options.deliveryThreads, 1u);
-    EXPECT_TRUE(options.tlsInsecure);
 }
 
 TEST(MqttServerUri, TellsLoopbackBrokersFromOthers)
