@@ -67,6 +67,13 @@ protected:
     ScriptedService service;
 };
 
+// The MQTT command topics of a station or pilot id, and of the alternate app GUID.
+std::string commandTopic(const std::string& id, const char* kind = "pilot")
+{
+    return std::string("/velmora/") + kind + "/FBE242B9-B226-4401-A340-36ABD4D753AD/" + id + "/cmd";
+}
+const std::string alternateTopic = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
+
 const std::vector<std::string> registeredTopics{
     "heartBeat", "pushTelemetry", "updateProgress", "getVersionInfo", "getRunInfo", "getBinInfo", "softUpload",
     "softUpdateStatus", "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
@@ -112,10 +119,14 @@ TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
     EXPECT_EQ(replayed, expected);
 
     // The MQTT command topics, for app type 0.
-    EXPECT_EQ(mqtt->subscribedTopics(),
-              (std::vector<std::string>{"/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd",
-                                        "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd",
-                                        "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd"}));
+    EXPECT_EQ(mqtt->subscribedTopics(), (std::vector<std::string>{commandTopic("station-1"), commandTopic("UAV-1"),
+                                                                  commandTopic("UAV-1", "payload")}));
+
+    // A second stop finds nothing left to release.
+    plugin->stop();
+    plugin->stop();
+    EXPECT_EQ(state().callClient(), nullptr);
+    EXPECT_EQ(state().subscriptionClient(), nullptr);
 }
 
 TEST_F(StartedPlugin, AnEmptyStationGetsAGeneratedId)
@@ -143,17 +154,14 @@ TEST_F(StartedPlugin, ASlowSettingsAnswerStopsStartBeforeAnySubscription)
 
 TEST_F(StartedPlugin, SeatAndAppTypeChooseTheCommandTopics)
 {
-    const std::string other = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
-    const std::string second = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
-    const std::string payload = "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
     struct Case {
         bool seat;
         int appType;
         std::vector<std::string> topics;
     };
     const Case cases[] = {{true, 1, {"/station-1/pushTelemetry"}},
-                          {false, 1, {other}},
-                          {true, 0, {"/station-1/pushTelemetry", second, payload}}};
+                          {false, 1, {alternateTopic}},
+                          {true, 0, {"/station-1/pushTelemetry", commandTopic("UAV-1"), commandTopic("UAV-1", "payload")}}};
     for (const auto& c : cases) {
         service.boolSettings["vehicle.six_axis_ar_seat"] = c.seat;
         service.intSettings["station.app_type"] = c.appType;
@@ -169,10 +177,9 @@ TEST_F(StartedPlugin, AStationIdEqualToThePilotIdSubscribesOneTopicTwice)
 {
     service.stringSettings["vehicle.pilot_id"] = "station-1";
     start();
-    const std::string topic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
+    const std::string topic = commandTopic("station-1");
     EXPECT_EQ(mqtt->subscribedTopics(),
-              (std::vector<std::string>{topic, topic,
-                                        "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"}));
+              (std::vector<std::string>{topic, topic, commandTopic("station-1", "payload")}));
     mqtt->deliver(topic, R"({"api":"getConfig","type":"request","msgId":"twice"})");
     ASSERT_TRUE(service.waitForCalls("telementry", 1));
     ASSERT_TRUE(service.waitForCalls("pilotControlBase", 2));  // setSelfGuid, then the cloud side's
@@ -187,8 +194,8 @@ TEST_F(StartedPlugin, TheDestructorUnsubscribesTheTopicOfItsSeatAndAppType)
         int appType;
         std::string topic;
     };
-    const Case cases[] = {{0, 0, "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"},
-                          {0, 2, "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd"},
+    const Case cases[] = {{0, 0, commandTopic("station-1")},
+                          {0, 2, alternateTopic},
                           {1, 0, "/station-1/pushTelemetry"},
                           {1, 2, "/station-1/pushTelemetry"}};
     for (const auto& c : cases) {
@@ -203,15 +210,6 @@ TEST_F(StartedPlugin, TheDestructorUnsubscribesTheTopicOfItsSeatAndAppType)
         EXPECT_EQ(recorder->unsubscribedTopics(), std::vector<std::string>{c.topic});
         EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + c.topic), 1);
     }
-}
-
-TEST_F(StartedPlugin, StopTwiceIsHarmless)
-{
-    start();
-    plugin->stop();
-    plugin->stop();
-    EXPECT_EQ(state().callClient(), nullptr);
-    EXPECT_EQ(state().subscriptionClient(), nullptr);
 }
 
 // Every line names the host's logger and the plug-in as its source.
