@@ -79,8 +79,8 @@ TEST_F(MqttCommandBurst, TheStationKeepsItsBrokerLinkThroughAThousandCommandsWhi
         std::this_thread::sleep_for(20ms);
     }
     const auto c = mqtt->counters();
-    EXPECT_TRUE(settled) << "requests " << app.count(isRequest) << ", answers " << app.count(isAnswer) << ", delivered " << c.delivered
-                         << ", dropped " << c.queueDrops << ", waiting " << c.queueDepth;
+    EXPECT_TRUE(settled) << "requests " << app.count(isRequest) << ", answers " << app.count(isAnswer)
+                         << ", delivered " << c.delivered << ", dropped " << c.queueDrops << ", waiting " << c.queueDepth;
     EXPECT_TRUE(alwaysConnected);
     EXPECT_GT(c.queueDrops, 0u);
     EXPECT_FALSE(log.contains("mqtt connection to")) << "the station lost its link";

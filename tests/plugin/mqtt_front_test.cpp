@@ -29,11 +29,6 @@ protected:
         FrontsFixture::TearDown();
     }
 
-    void command(const std::string& topic, const std::string& payload) { app->command(topic, payload); }
-    Poco::JSON::Object::Ptr answerTo(const std::string& topic, const std::string& msgId)
-    {
-        return app->answerTo(topic, msgId);
-    }
     // Messages on any watched topic whose text holds all of `parts`.
     int seen(std::initializer_list<std::string> parts)
     {
@@ -52,9 +47,9 @@ TEST_F(MqttFront, GroundCommandsAreAnsweredOnTheirOwnTopic)
 {
     for (const auto& topic : {pilotTopic, payloadTopic}) {
         const std::string msgId = "g-" + topic.substr(9, 6);
-        command(topic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":")" + msgId +
+        app->command(topic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":")" + msgId +
                            R"("})");
-        auto answer = answerTo(topic, msgId);
+        auto answer = app->answerTo(topic, msgId);
         ASSERT_TRUE(answer) << topic;
         EXPECT_EQ(answer->getValue<std::string>("api"), "getConfig");
         EXPECT_EQ(answer->getValue<std::string>("target"), "app");
@@ -65,13 +60,13 @@ TEST_F(MqttFront, GroundCommandsAreAnsweredOnTheirOwnTopic)
 
 TEST_F(MqttFront, RefusalsArePublishedAsErrorEnvelopes)
 {
-    command(pilotTopic, R"({"api":"pushRoute","type":"request","from":"app","msgId":"r1"})");
-    auto refused = answerTo(pilotTopic, "r1");
+    app->command(pilotTopic, R"({"api":"pushRoute","type":"request","from":"app","msgId":"r1"})");
+    auto refused = app->answerTo(pilotTopic, "r1");
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->getObject("message")->getValue<int>("code"), 4001);
     EXPECT_EQ(refused->getValue<std::string>("target"), "app");
 
-    command(pilotTopic, R"({"api":"noSuchApi","type":"request","msgId":"r2"})");
+    app->command(pilotTopic, R"({"api":"noSuchApi","type":"request","msgId":"r2"})");
     // The unknown-API answer is the short form: it carries no msgId, only the text.
     EXPECT_TRUE(app->waitFor([](const std::string&, const std::string& payload) {
         return payload.find(R"("msg":"current api not exist: noSuchApi")") != std::string::npos &&
@@ -84,10 +79,10 @@ TEST_F(MqttFront, CloudCommandsGoToTheServiceByFactoryAnd135)
 {
     vehicleConnected(true);
     // "factory" wins over the API's own routing, even that of 135.
-    command(stationTopic, R"({"api":"hangerImageTransSwitch","factory":true,"type":"request","msgId":"c1"})");
-    command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
-    command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
-    ASSERT_TRUE(answerTo(stationTopic, "c3"));
+    app->command(stationTopic, R"({"api":"hangerImageTransSwitch","factory":true,"type":"request","msgId":"c1"})");
+    app->command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
+    app->command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
+    ASSERT_TRUE(app->answerTo(stationTopic, "c3"));
     ASSERT_TRUE(service.waitForCalls("djiControl", 1));
     ASSERT_TRUE(service.waitForCalls("pilotControlBase", 3));  // setSelfGuid at start, then two
 
@@ -111,27 +106,27 @@ TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
     int markers = 0;
     auto marker = [&] {
         const std::string msgId = "m" + std::to_string(++markers);
-        command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":")" + msgId + R"("})");
-        return answerTo(pilotTopic, msgId) != nullptr;
+        app->command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":")" + msgId + R"("})");
+        return app->answerTo(pilotTopic, msgId) != nullptr;
     };
     // The command itself comes back from the broker; an answer would be a second.
     LogCapture log;
-    command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
+    app->command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
     ASSERT_TRUE(marker());
     EXPECT_EQ(seen({R"("msgId":"e1")"}), 1);
 
-    command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
+    app->command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
     ASSERT_TRUE(marker());
     EXPECT_EQ(seen({R"("msgId":"e2")"}), 1);
 
-    command(pilotTopic, R"({"type":"request","msgId":"e3"})");
+    app->command(pilotTopic, R"({"type":"request","msgId":"e3"})");
     ASSERT_TRUE(marker());
     EXPECT_EQ(seen({R"("msgId":"e3")"}), 1);
     EXPECT_EQ(log.errors("param api is empty"), 1);
 
     // Telemetry from the ground is a record for the record plug-in, with the
     // topic it came on; handed over on the delivery thread, before the marker.
-    command(pilotTopic, R"({"api":"pushTelemetry","type":"request","alt":5,"msgId":"e4"})");
+    app->command(pilotTopic, R"({"api":"pushTelemetry","type":"request","alt":5,"msgId":"e4"})");
     ASSERT_TRUE(marker());
     EXPECT_EQ(seen({R"("msgId":"e4")"}), 1);
     int records = 0;
@@ -158,7 +153,7 @@ TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
 TEST_F(MqttFront, ACommandWhoseCallTheLinkDropsIsAnsweredOnce)
 {
     service.service.withhold_answers("telementry");
-    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
+    app->command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
     // A withheld call is received but not handed to the recording handler.
     std::uint64_t callConnection = 0;
     ASSERT_TRUE(service.service.wait_for_frames(
@@ -175,14 +170,14 @@ TEST_F(MqttFront, ACommandWhoseCallTheLinkDropsIsAnsweredOnce)
     badType.body_len = 1;
     ASSERT_TRUE(service.service.send_frame(callConnection, badType, "x"));
 
-    auto answer = answerTo(pilotTopic, "lost-1");
+    auto answer = app->answerTo(pilotTopic, "lost-1");
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->getObject("message")->getValue<int>("code"), ECONNABORTED);
 
     // Exactly once: a later command's answer arrives, and still only one for the lost call.
     service.service.withhold_answers("telementry", false);
-    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"after-1"})");
-    ASSERT_TRUE(answerTo(pilotTopic, "after-1"));
+    app->command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"after-1"})");
+    ASSERT_TRUE(app->answerTo(pilotTopic, "after-1"));
     EXPECT_EQ(seen({R"("msgId":"lost-1")", R"("type":"response")"}), 1);
 }
 
