@@ -114,6 +114,7 @@ TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
     app->command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
     ASSERT_TRUE(marker());
     EXPECT_EQ(seen({R"("msgId":"e1")"}), 1);
+    EXPECT_EQ(seen({"setCommLink"}), 1);  // nor answered as an unknown API
 
     app->command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
     ASSERT_TRUE(marker());
