@@ -1,17 +1,130 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include <Poco/JSON/Parser.h>
+
 #include "PilotControlPTestAccess.h"
+#include "RecordingMqttClient.h"
 #include "ScriptedService.h"
+#include "ThreadPool.h"
 #include "VelmoraCommon.h"
 #include "http/HttpApiServer.h"
 #include "mqtt/PahoMqttClient.h"
 #include "support/MosquittoBroker.h"
 
 namespace vlm::test {
+
+/// Polls `condition` every 10 ms until it holds or `limit` has passed.
+template <typename Condition>
+bool eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(5))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+/// A ground application on the test's broker: publishes commands and keeps
+/// every message that arrives on the topics it watches.
+class GroundApp {
+public:
+    using Match = std::function<bool(const std::string& topic, const std::string& payload)>;
+
+    GroundApp(MqttClientOptions options, const std::vector<std::string>& topics) : client(std::move(options))
+    {
+        EXPECT_TRUE(client.connect());
+        for (const auto& topic : topics)
+            EXPECT_TRUE(client.Subscribe(
+                [this](const std::string& t, const std::string& payload) {
+                    {
+                        std::lock_guard<std::mutex> lock(mutex);
+                        received.emplace_back(t, payload);
+                    }
+                    arrived.notify_all();
+                },
+                topic, 0));
+    }
+
+    void command(const std::string& topic, const std::string& payload, int waitSeconds = 1)
+    {
+        ASSERT_TRUE(client.PublishMessage(payload, topic, 0, 0, waitSeconds));
+    }
+
+    /// How many received messages match.
+    int count(const Match& match)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return countLocked(match);
+    }
+
+    /// Waits until `n` received messages match, or the time is up.
+    bool waitFor(const Match& match, int n = 1, std::chrono::milliseconds limit = std::chrono::seconds(8))
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, limit, [&] { return countLocked(match) >= n; });
+    }
+
+    /// The text of the first answer (a "response" with that msgId) on
+    /// `topic`, or "" when none came in time. Texts above a megabyte are no
+    /// answer: they are the big commands themselves, echoed by the broker.
+    std::string answerText(const std::string& topic, const std::string& msgId,
+                           std::chrono::milliseconds limit = std::chrono::seconds(8))
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        std::string found;
+        arrived.wait_for(lock, limit, [&] {
+            for (const auto& [t, payload] : received) {
+                if (t != topic || payload.size() > (1u << 20))
+                    continue;
+                try {
+                    auto json = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
+                    if (json->optValue<std::string>("type", "") == "response" &&
+                        json->optValue<std::string>("msgId", "") == msgId) {
+                        found = payload;
+                        return true;
+                    }
+                } catch (...) {
+                }
+            }
+            return false;
+        });
+        return found;
+    }
+
+    Poco::JSON::Object::Ptr answerTo(const std::string& topic, const std::string& msgId,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(8))
+    {
+        const std::string text = answerText(topic, msgId, limit);
+        if (text.empty())
+            return nullptr;
+        return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+    }
+
+private:
+    int countLocked(const Match& match)
+    {
+        int n = 0;
+        for (const auto& [topic, payload] : received)
+            n += match(topic, payload) ? 1 : 0;
+        return n;
+    }
+
+    std::mutex mutex;  // guards received
+    std::condition_variable arrived;
+    std::vector<std::pair<std::string, std::string>> received;
+    PahoMqttClient client;  // last: its delivery thread ends before the members it fills
+};
 
 /// The plug-in started as the host starts it: the real HTTP server on an
 /// ephemeral loopback port, the real MQTT client on a broker of the test's
@@ -27,6 +140,9 @@ protected:
         server->start();
         mqtt = std::make_shared<PahoMqttClient>(stationClientOptions());
         ASSERT_TRUE(mqtt->connect());
+        // Set before start, as a host does: the delivery thread reads it.
+        // The recorder is shared so that it outlives a late delivery.
+        plugin->setCallback([bus = bus](std::string text) { bus->callback()(std::move(text)); });
         plugin->start(server, mqtt, "127.0.0.1", service.port);
         // Subscriptions travel on a connection of their own: an event the
         // service publishes before the last of them arrived would be lost.
@@ -37,6 +153,16 @@ protected:
     {
         plugin->stop();
         server->stop();
+        // Publishing work still queued must not reach into the next test.
+        ThreadPool::defaultPool().joinAll();
+        EXPECT_TRUE(PilotControlPTestAccess::drainOutbound(*plugin, std::chrono::seconds(10)));
+    }
+
+    MqttClientOptions groundOptions()
+    {
+        MqttClientOptions options;
+        options.serverUri = broker.hostPort();
+        return options;
     }
 
     /// Options of the station's MQTT client, which the plug-in is given.
@@ -56,8 +182,7 @@ protected:
     void vehicleConnected(bool connected)
     {
         service.service.publish("pilotConnectState", connected ? "true" : "false");
-        for (int i = 0; i < 500 && state().pilotConnected != connected; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        eventually([&] { return state().pilotConnected == connected; });
         ASSERT_EQ(state().pilotConnected.load(), connected);
     }
 
@@ -66,6 +191,7 @@ protected:
     std::shared_ptr<HttpApiServer> server = std::make_shared<HttpApiServer>();
     std::shared_ptr<PahoMqttClient> mqtt;
     std::shared_ptr<PilotControlP> plugin = PilotControlP::createInstance();
+    std::shared_ptr<BusRecorder> bus = std::make_shared<BusRecorder>();
 };
 
 } // namespace vlm::test

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,14 @@ namespace vlm::test {
 inline Poco::JSON::Object::Ptr parseObject(const std::string& text)
 {
     return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+/// Expects each of `fields` to be a string member of `object` with that value.
+inline void expectFields(const Poco::JSON::Object::Ptr& object, const std::map<std::string, std::string>& fields)
+{
+    ASSERT_TRUE(object);
+    for (const auto& [key, value] : fields)
+        EXPECT_EQ(object->getValue<std::string>(key), value) << key;
 }
 
 /// A plug-in object with a recording MQTT client and bus, not started: the

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -68,10 +69,7 @@ public:
         answer.set("from", request->optValue<std::string>("target", ""));
         answer.set("target", request->optValue<std::string>("from", ""));
         answer.set("msgId", request->optValue<std::string>("msgId", ""));
-        Poco::JSON::Object message;
-        message.set("code", 200);
-        message.set("result", "ok");
-        answer.set("message", message);
+        answer.set("message", Poco::JSON::Parser().parse(R"({"code":200,"result":"ok"})"));
         return jsonToString(answer);
     }
 
@@ -99,10 +97,8 @@ public:
     {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, limit, [&] {
-            size_t n = 0;
-            for (const auto& c : recorded)
-                n += c.name == name ? 1 : 0;
-            return n >= count;
+            return std::count_if(recorded.begin(), recorded.end(), [&](const Call& c) { return c.name == name; }) >=
+                   static_cast<std::ptrdiff_t>(count);
         });
     }
 
@@ -147,17 +143,18 @@ private:
         return it->second;
     }
 
+    template <typename Table>
+    void bindSetting(const std::string& name, const Table& table)
+    {
+        service.bind(name, [this, name, &table](const msgpack::object& args) {
+            return pilot_rpc::service_reply::success(lookup(table, record(name, args)));
+        });
+    }
     void bindSettings()
     {
-        service.bind("getIntConfig", [this](const msgpack::object& args) {
-            return pilot_rpc::service_reply::success(lookup(intSettings, record("getIntConfig", args)));
-        });
-        service.bind("getStringConfig", [this](const msgpack::object& args) {
-            return pilot_rpc::service_reply::success(lookup(stringSettings, record("getStringConfig", args)));
-        });
-        service.bind("getBoolConfig", [this](const msgpack::object& args) {
-            return pilot_rpc::service_reply::success(lookup(boolSettings, record("getBoolConfig", args)));
-        });
+        bindSetting("getIntConfig", intSettings);
+        bindSetting("getStringConfig", stringSettings);
+        bindSetting("getBoolConfig", boolSettings);
     }
 
     void bindForwarded(const std::string& name)

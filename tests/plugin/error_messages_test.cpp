@@ -1,19 +1,13 @@
-#include <gtest/gtest.h>
-
-#include <Poco/JSON/Parser.h>
-
-#include "PilotControlPTestAccess.h"
+#include "PluginFixture.h"
 #include "support/LogCapture.h"
 
 namespace {
 
 using vlm::PilotControlP;
+using vlm::test::expectFields;
 using Access = vlm::PilotControlPTestAccess;
 
-Poco::JSON::Object::Ptr parse(const std::string& text)
-{
-    return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
-}
+Poco::JSON::Object::Ptr parse(const std::string& text) { return vlm::test::parseObject(text); }
 
 class ErrorMessages : public ::testing::Test {
 protected:
@@ -30,33 +24,24 @@ TEST_F(ErrorMessages, ShortFormHasSortedKeysAndAlwaysAnId)
               R"({"code":-1,"id":"UAV-7","msg":"current api not exist: nope","type":"response"})");
 }
 
-TEST_F(ErrorMessages, FullFormSwapsAddressesAndKeepsTheRequestsOtherKeys)
+TEST_F(ErrorMessages, FullFormSwapsAddressesKeepsTheRequestsKeysAndDefaultsTheSender)
 {
     auto request = parse(R"({"api":"pushRoute","from":"a","target":"b","msgId":"42","type":"request",
                             "message":{"x":1,"code":9,"type":"request"}})");
     auto answer = parse(Access::fullError(*plugin, "The vehicle not connected", *request,
                                           PilotControlP::vehicleNotConnected));
-    EXPECT_EQ(answer->getValue<std::string>("from"), "b");
-    EXPECT_EQ(answer->getValue<std::string>("target"), "a");
-    EXPECT_EQ(answer->getValue<std::string>("type"), "response");
-    EXPECT_EQ(answer->getValue<std::string>("msgId"), "42");
-    EXPECT_EQ(answer->getValue<std::string>("api"), "pushRoute");
+    expectFields(answer, {{"from", "b"}, {"target", "a"}, {"type", "response"}, {"msgId", "42"}, {"api", "pushRoute"}});
     auto inner = answer->getObject("message");
     ASSERT_TRUE(inner);
     EXPECT_EQ(inner->getValue<int>("x"), 1);
-    EXPECT_EQ(inner->getValue<std::string>("msg"), "The vehicle not connected");
     EXPECT_EQ(inner->getValue<int>("code"), 4001);
-    EXPECT_EQ(inner->getValue<std::string>("type"), "response");
-}
+    expectFields(inner, {{"msg", "The vehicle not connected"}, {"type", "response"}});
 
-TEST_F(ErrorMessages, FullFormDefaultsTheSenderToTheStation)
-{
     state.setStationId("station-1");
-    auto answer = parse(Access::fullError(*plugin, "Pilot response mqtt error msg: boom", *parse(R"({"api":"x"})"),
-                                          PilotControlP::serviceCallFailed));
-    EXPECT_EQ(answer->getValue<std::string>("from"), "station-1");
-    EXPECT_EQ(answer->getValue<std::string>("target"), "");
-    auto inner = answer->getObject("message");
+    answer = parse(Access::fullError(*plugin, "Pilot response mqtt error msg: boom", *parse(R"({"api":"x"})"),
+                                     PilotControlP::serviceCallFailed));
+    expectFields(answer, {{"from", "station-1"}, {"target", ""}});
+    inner = answer->getObject("message");
     ASSERT_TRUE(inner);
     EXPECT_EQ(inner->size(), 3u);  // no request message: only msg, code, type
     EXPECT_EQ(inner->getValue<int>("code"), 4002);
@@ -93,19 +78,14 @@ TEST_F(ErrorMessages, ABigRequestIsAnsweredWithItsIdentifiersOnly)
     const std::string trimmed = Access::fullError(*plugin, "boom", *request(2u << 20), PilotControlP::serviceCallFailed);
     EXPECT_LT(trimmed.size(), 1024u);
     auto answer = parse(trimmed);
-    EXPECT_EQ(answer->getValue<std::string>("api"), "pushRoute");
-    EXPECT_EQ(answer->getValue<std::string>("msgId"), "42");
+    expectFields(answer, {{"api", "pushRoute"}, {"msgId", "42"}, {"from", "station-1"}, {"target", "app"},
+                          {"type", "response"}});
     EXPECT_EQ(answer->getValue<int>("seq"), 7);
-    EXPECT_EQ(answer->getValue<std::string>("from"), "station-1");
-    EXPECT_EQ(answer->getValue<std::string>("target"), "app");
-    EXPECT_EQ(answer->getValue<std::string>("type"), "response");
     EXPECT_FALSE(answer->has("extra"));  // not an identifier
     auto inner = answer->getObject("message");
     ASSERT_TRUE(inner);
-    EXPECT_EQ(inner->getValue<std::string>("msgId"), "42");
-    EXPECT_EQ(inner->getValue<std::string>("msg"), "boom");
+    expectFields(inner, {{"msgId", "42"}, {"msg", "boom"}, {"type", "response"}});
     EXPECT_EQ(inner->getValue<int>("code"), 4002);
-    EXPECT_EQ(inner->getValue<std::string>("type"), "response");
     EXPECT_FALSE(inner->has("route"));
     EXPECT_EQ(state.errorEchoesTrimmed.load(), 1u);
     EXPECT_TRUE(log.contains("left the request out (1 so far)"));

@@ -49,6 +49,12 @@ public:
         return lines;
     }
 
+    /// Lines up to the end of the next block's head.
+    std::vector<std::string> block()
+    {
+        return until([](const std::string& l) { return l == "retry: 10000"; });
+    }
+
     void drop() { session.abort(); }
 
     Poco::Net::HTTPClientSession session;
@@ -75,7 +81,7 @@ TEST_F(EventStream, BlocksCarryRisingIdsAndPendingDataOnce)
     EXPECT_EQ(stream.response.getContentType(), "text/event-stream");
     EXPECT_EQ(stream.response.get("Cache-Control"), "no-cache");
 
-    auto head = stream.until([](const std::string& l) { return l == "retry: 10000"; });
+    auto head = stream.block();
     ASSERT_EQ(head.size(), 3u);
     EXPECT_EQ(head[0], "id: 1");
     EXPECT_EQ(head[1], "event: pushTelemetry");
@@ -104,8 +110,8 @@ TEST_F(EventStream, TwoStreamsShareOnePendingText)
     vehicleConnected(true);
     StreamReader first(server->port(), "pushTelemetry");
     StreamReader second(server->port(), "pushTelemetry");
-    first.until([](const std::string& l) { return l == "retry: 10000"; });
-    second.until([](const std::string& l) { return l == "retry: 10000"; });
+    first.block();
+    second.block();
     service.service.publish("pushTelemetry", R"({"only":"once"})");
 
     // Long enough for a loaded machine to deliver the event to one of them.
@@ -133,8 +139,8 @@ TEST_F(EventStream, AVehicleDisconnectEndsTheStreamWithOneErrorThenTheCloseSeque
     for (int attempt = 0; attempt < 3; ++attempt) {
         vehicleConnected(true);
         StreamReader stream(server->port(), "updateProgress");
-        stream.until([](const std::string& l) { return l == "retry: 10000"; });
-        stream.until([](const std::string& l) { return l == "retry: 10000"; });  // a whole block, flushed
+        stream.block();
+        stream.block();  // a whole block, flushed
         std::this_thread::sleep_for(std::chrono::milliseconds(30));  // into the pause between blocks
         state().pilotConnected = false;
         auto lines = stream.until([](const std::string&) { return false; });
@@ -178,7 +184,7 @@ TEST_F(EventStream, APushedTextWithLineBreaksArrivesAsDataLinesOfOneEvent)
 {
     vehicleConnected(true);
     StreamReader stream(server->port(), "pushTelemetry");
-    stream.until([](const std::string& l) { return l == "retry: 10000"; });
+    stream.block();
     // Valid JSON whose whitespace holds every kind of line break and a blank
     // line, which unframed would end the event early.
     service.service.publish("pushTelemetry", "{\"a\":1,\n\n\"b\":\r\n2\r}");
@@ -194,14 +200,12 @@ TEST_F(EventStream, AClientThatGoesAwayFreesItsThread)
     vehicleConnected(true);
     {
         StreamReader stream(server->port(), "pushTelemetry");
-        stream.until([](const std::string& l) { return l == "retry: 10000"; });
+        stream.block();
         EXPECT_EQ(server->runningHandlers(), 1);
         stream.drop();
     }
     // The handler notices the failed write on one of its next ticks.
-    for (int i = 0; i < 300 && server->runningHandlers() > 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(server->runningHandlers(), 0);
+    EXPECT_TRUE(vlm::test::eventually([&] { return server->runningHandlers() == 0; }, std::chrono::seconds(3)));
 }
 
 } // namespace

@@ -42,26 +42,6 @@ TEST_F(HttpFront, VehicleCheckRefusesFlightCommandsUntilTheVehicleIsThere)
     EXPECT_EQ(answer.json()->getValue<std::string>("api"), "pushRoute");
 }
 
-TEST_F(HttpFront, RouteResultComesFromTheCacheOnceThenFromTheService)
-{
-    vehicleConnected(true);
-    service.service.publish("syncRoute", R"({"result":"route stored"})");
-    for (int i = 0; i < 200; ++i) {
-        std::lock_guard<std::mutex> lock(state().cacheMutex);
-        if (!state().lastRoute.empty())
-            break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // bounded wait for the event
-    }
-    LogCapture log;
-    EXPECT_EQ(call("getSyncRouteResult").body, R"({"result":"route stored"})");
-    EXPECT_TRUE(service.callsOf("flightControl").empty());
-    EXPECT_EQ(log.infos(R"(return route operator result: {"result":"route stored"})"), 1);
-
-    const auto second = call("getSyncRouteResult");
-    ASSERT_EQ(service.callsOf("flightControl").size(), 1u);
-    EXPECT_EQ(second.json()->getValue<std::string>("api"), "getSyncRouteResult");
-}
-
 TEST_F(HttpFront, OnlyApisBelow307AreServed)
 {
     EXPECT_EQ(call("getPhotoCount").status, 404);
@@ -142,28 +122,40 @@ TEST_F(HttpFront, AServiceRefusalBecomesAnErrorAnswer)
     EXPECT_EQ(log.errors(" response http msg: config store locked, error code: 4002"), 1);
 }
 
-// Answers the service pushed earlier are given once, without a call; the next
-// request for them goes to the service.
+// Results the service pushed earlier as events are given once, without a
+// call; the next request for them goes to the service.
 TEST_F(HttpFront, CachedResultsAreGivenOnceThenAskedFor)
 {
     vehicleConnected(true);
     using Impl = vlm::PilotControlPImpl;
-    const std::pair<const char*, std::string Impl::*> cases[] = {{"getRunInfoResult", &Impl::lastRunInfo},
-                                                                 {"getBinInfoResult", &Impl::lastBinInfo},
-                                                                 {"getSoftUploadResult", &Impl::lastSoftUpload}};
-    for (const auto& [api, slot] : cases) {
-        const std::string cached = std::string(R"({"cached":")") + api + R"("})";
-        {
+    struct Case {
+        const char* event;
+        const char* api;
+        std::string Impl::*slot;
+        const char* category;
+    };
+    const Case cases[] = {{"syncRoute", "getSyncRouteResult", &Impl::lastRoute, "flightControl"},
+                          {"getRunInfo", "getRunInfoResult", &Impl::lastRunInfo, "firmwareUpdate"},
+                          {"getBinInfo", "getBinInfoResult", &Impl::lastBinInfo, "firmwareUpdate"},
+                          {"softUpload", "getSoftUploadResult", &Impl::lastSoftUpload, "firmwareUpdate"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.api);
+        const std::string cached = std::string(R"({"cached":")") + c.api + R"("})";
+        service.service.publish(c.event, cached);
+        ASSERT_TRUE(vlm::test::eventually([&] {
             std::lock_guard<std::mutex> lock(state().cacheMutex);
-            state().*slot = cached;
-        }
-        const size_t before = service.callsOf("firmwareUpdate").size();
-        EXPECT_EQ(call(api).body, cached);
-        EXPECT_EQ(service.callsOf("firmwareUpdate").size(), before) << api;
-        EXPECT_EQ(call(api).json()->getValue<std::string>("api"), api);
-        const auto forwarded = service.callsOf("firmwareUpdate");
-        ASSERT_EQ(forwarded.size(), before + 1) << api;
-        EXPECT_EQ(forwarded.back().args[1], api);
+            return state().*c.slot == cached;
+        }));
+        LogCapture log;
+        const size_t before = service.callsOf(c.category).size();
+        EXPECT_EQ(call(c.api).body, cached);
+        EXPECT_EQ(service.callsOf(c.category).size(), before);
+        EXPECT_EQ(call(c.api).json()->getValue<std::string>("api"), c.api);
+        const auto forwarded = service.callsOf(c.category);
+        ASSERT_EQ(forwarded.size(), before + 1);
+        EXPECT_EQ(forwarded.back().args[1], c.api);
+        if (c.slot == &Impl::lastRoute)
+            EXPECT_EQ(log.infos("return route operator result: " + cached), 1);
     }
 }
 

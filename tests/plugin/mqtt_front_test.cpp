@@ -1,4 +1,5 @@
-#include <condition_variable>
+#include <algorithm>
+#include <optional>
 
 #include "FrontsFixture.h"
 #include "PluginFixture.h"
@@ -13,28 +14,14 @@ const std::string stationTopic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D
 const std::string pilotTopic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
 const std::string payloadTopic = "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
 
-// A ground application on the same broker: publishes commands and collects
-// the answers that come back on the command topics.
+// A ground application on the same broker sends the commands and sees the
+// answers that come back on the command topics.
 class MqttFront : public vlm::test::FrontsFixture {
 protected:
     void SetUp() override
     {
-        // Set before start: the delivery thread reads it. The recorder is
-        // shared so that it outlives a late delivery.
-        plugin->setCallback([bus = bus](std::string text) { bus->callback()(std::move(text)); });
         FrontsFixture::SetUp();
-        vlm::MqttClientOptions options;
-        options.serverUri = broker.hostPort();
-        app = std::make_unique<vlm::PahoMqttClient>(options);
-        ASSERT_TRUE(app->connect());
-        for (const auto& topic : {stationTopic, pilotTopic, payloadTopic})
-            app->Subscribe(
-                [this](const std::string& topic, const std::string& payload) {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    received.emplace_back(topic, payload);
-                    arrived.notify_all();
-                },
-                topic, 0);
+        app.emplace(groundOptions(), std::vector<std::string>{stationTopic, pilotTopic, payloadTopic});
     }
     void TearDown() override
     {
@@ -42,49 +29,27 @@ protected:
         FrontsFixture::TearDown();
     }
 
-    void command(const std::string& topic, const std::string& payload)
+    // Messages on any watched topic whose text holds all of `parts`.
+    int seen(std::initializer_list<std::string> parts)
     {
-        ASSERT_TRUE(app->PublishMessage(payload, topic, 0, 0, 1));
-    }
-
-    /// The first answer (a "response" with that msgId) seen on `topic`.
-    Poco::JSON::Object::Ptr answerTo(const std::string& topic, const std::string& msgId)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        Poco::JSON::Object::Ptr found;
-        arrived.wait_for(lock, std::chrono::seconds(8), [&] {
-            for (const auto& [t, payload] : received) {
-                if (t != topic)
-                    continue;
-                try {
-                    auto json = parseObject(payload);
-                    if (json->optValue<std::string>("type", "") == "response" &&
-                        json->optValue<std::string>("msgId", "") == msgId) {
-                        found = json;
-                        return true;
-                    }
-                } catch (...) {
-                }
-            }
-            return false;
+        std::vector<std::string> wanted(parts);
+        return app->count([wanted](const std::string&, const std::string& payload) {
+            return std::all_of(wanted.begin(), wanted.end(), [&](const std::string& part) {
+                       return payload.find(part) != std::string::npos;
+                   });
         });
-        return found;
     }
 
-    std::shared_ptr<vlm::test::BusRecorder> bus = std::make_shared<vlm::test::BusRecorder>();
-    std::unique_ptr<vlm::PahoMqttClient> app;
-    std::mutex mutex;  // guards received
-    std::condition_variable arrived;
-    std::vector<std::pair<std::string, std::string>> received;
+    std::optional<vlm::test::GroundApp> app;
 };
 
 TEST_F(MqttFront, GroundCommandsAreAnsweredOnTheirOwnTopic)
 {
     for (const auto& topic : {pilotTopic, payloadTopic}) {
         const std::string msgId = "g-" + topic.substr(9, 6);
-        command(topic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":")" + msgId +
+        app->command(topic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":")" + msgId +
                            R"("})");
-        auto answer = answerTo(topic, msgId);
+        auto answer = app->answerTo(topic, msgId);
         ASSERT_TRUE(answer) << topic;
         EXPECT_EQ(answer->getValue<std::string>("api"), "getConfig");
         EXPECT_EQ(answer->getValue<std::string>("target"), "app");
@@ -95,20 +60,17 @@ TEST_F(MqttFront, GroundCommandsAreAnsweredOnTheirOwnTopic)
 
 TEST_F(MqttFront, RefusalsArePublishedAsErrorEnvelopes)
 {
-    command(pilotTopic, R"({"api":"pushRoute","type":"request","from":"app","msgId":"r1"})");
-    auto refused = answerTo(pilotTopic, "r1");
+    app->command(pilotTopic, R"({"api":"pushRoute","type":"request","from":"app","msgId":"r1"})");
+    auto refused = app->answerTo(pilotTopic, "r1");
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->getObject("message")->getValue<int>("code"), 4001);
     EXPECT_EQ(refused->getValue<std::string>("target"), "app");
 
-    command(pilotTopic, R"({"api":"noSuchApi","type":"request","msgId":"r2"})");
+    app->command(pilotTopic, R"({"api":"noSuchApi","type":"request","msgId":"r2"})");
     // The unknown-API answer is the short form: it carries no msgId, only the text.
-    std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_TRUE(arrived.wait_for(lock, std::chrono::seconds(8), [&] {
-        for (const auto& entry : received)
-            if (entry.second.find(R"("msg":"current api not exist: noSuchApi")") != std::string::npos)
-                return entry.second.find(R"("code":-1)") != std::string::npos;
-        return false;
+    EXPECT_TRUE(app->waitFor([](const std::string&, const std::string& payload) {
+        return payload.find(R"("msg":"current api not exist: noSuchApi")") != std::string::npos &&
+               payload.find(R"("code":-1)") != std::string::npos;
     }));
     EXPECT_TRUE(service.callsOf("flightControl").empty());
 }
@@ -117,10 +79,10 @@ TEST_F(MqttFront, CloudCommandsGoToTheServiceByFactoryAnd135)
 {
     vehicleConnected(true);
     // "factory" wins over the API's own routing, even that of 135.
-    command(stationTopic, R"({"api":"hangerImageTransSwitch","factory":true,"type":"request","msgId":"c1"})");
-    command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
-    command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
-    ASSERT_TRUE(answerTo(stationTopic, "c3"));
+    app->command(stationTopic, R"({"api":"hangerImageTransSwitch","factory":true,"type":"request","msgId":"c1"})");
+    app->command(stationTopic, R"({"api":"hangerImageTransSwitch","type":"request","msgId":"c2"})");
+    app->command(stationTopic, R"({"api":"pushRoute","type":"request","msgId":"c3"})");
+    ASSERT_TRUE(app->answerTo(stationTopic, "c3"));
     ASSERT_TRUE(service.waitForCalls("djiControl", 1));
     ASSERT_TRUE(service.waitForCalls("pilotControlBase", 3));  // setSelfGuid at start, then two
 
@@ -144,35 +106,30 @@ TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
     int markers = 0;
     auto marker = [&] {
         const std::string msgId = "m" + std::to_string(++markers);
-        command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":")" + msgId + R"("})");
-        return answerTo(pilotTopic, msgId) != nullptr;
+        app->command(pilotTopic, R"({"api":"getConfig","type":"request","msgId":")" + msgId + R"("})");
+        return app->answerTo(pilotTopic, msgId) != nullptr;
     };
     // The command itself comes back from the broker; an answer would be a second.
-    auto seen = [&](const std::string& msgId) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return std::count_if(received.begin(), received.end(), [&](const auto& entry) {
-            return entry.second.find(R"("msgId":")" + msgId + "\"") != std::string::npos;
-        });
-    };
     LogCapture log;
-    command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
+    app->command(pilotTopic, R"({"api":"setCommLink","type":"request","msgId":"e1"})");
     ASSERT_TRUE(marker());
-    EXPECT_EQ(seen("e1"), 1);
+    EXPECT_EQ(seen({R"("msgId":"e1")"}), 1);
+    EXPECT_EQ(seen({"setCommLink"}), 1);  // nor answered as an unknown API
 
-    command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
+    app->command(pilotTopic, R"({"api":"getConfig","type":"response","msgId":"e2"})");
     ASSERT_TRUE(marker());
-    EXPECT_EQ(seen("e2"), 1);
+    EXPECT_EQ(seen({R"("msgId":"e2")"}), 1);
 
-    command(pilotTopic, R"({"type":"request","msgId":"e3"})");
+    app->command(pilotTopic, R"({"type":"request","msgId":"e3"})");
     ASSERT_TRUE(marker());
-    EXPECT_EQ(seen("e3"), 1);
+    EXPECT_EQ(seen({R"("msgId":"e3")"}), 1);
     EXPECT_EQ(log.errors("param api is empty"), 1);
 
     // Telemetry from the ground is a record for the record plug-in, with the
     // topic it came on; handed over on the delivery thread, before the marker.
-    command(pilotTopic, R"({"api":"pushTelemetry","type":"request","alt":5,"msgId":"e4"})");
+    app->command(pilotTopic, R"({"api":"pushTelemetry","type":"request","alt":5,"msgId":"e4"})");
     ASSERT_TRUE(marker());
-    EXPECT_EQ(seen("e4"), 1);
+    EXPECT_EQ(seen({R"("msgId":"e4")"}), 1);
     int records = 0;
     for (const auto& text : bus->all()) {
         auto record = parseObject(text);
@@ -192,16 +149,12 @@ TEST_F(MqttFront, EachEarlyExitEndsTheMessageThere)
         EXPECT_EQ(call.args[1], "getConfig");
 }
 
-} // namespace
-
-namespace {
-
 // A frame the link cannot read makes it drop every pending call without
 // calling back; a command then waiting for its answer must still get one.
 TEST_F(MqttFront, ACommandWhoseCallTheLinkDropsIsAnsweredOnce)
 {
     service.service.withhold_answers("telementry");
-    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
+    app->command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
     // A withheld call is received but not handed to the recording handler.
     std::uint64_t callConnection = 0;
     ASSERT_TRUE(service.service.wait_for_frames(
@@ -218,20 +171,15 @@ TEST_F(MqttFront, ACommandWhoseCallTheLinkDropsIsAnsweredOnce)
     badType.body_len = 1;
     ASSERT_TRUE(service.service.send_frame(callConnection, badType, "x"));
 
-    auto answer = answerTo(pilotTopic, "lost-1");
+    auto answer = app->answerTo(pilotTopic, "lost-1");
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->getObject("message")->getValue<int>("code"), ECONNABORTED);
 
     // Exactly once: a later command's answer arrives, and still only one for the lost call.
     service.service.withhold_answers("telementry", false);
-    command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"after-1"})");
-    ASSERT_TRUE(answerTo(pilotTopic, "after-1"));
-    std::lock_guard<std::mutex> lock(mutex);
-    int answers = 0;
-    for (const auto& [topic, payload] : received)
-        answers += topic == pilotTopic && payload.find(R"("msgId":"lost-1")") != std::string::npos &&
-                   payload.find(R"("type":"response")") != std::string::npos;
-    EXPECT_EQ(answers, 1);
+    app->command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"after-1"})");
+    ASSERT_TRUE(app->answerTo(pilotTopic, "after-1"));
+    EXPECT_EQ(seen({R"("msgId":"lost-1")", R"("type":"response")"}), 1);
 }
 
 } // namespace

@@ -3,14 +3,11 @@
 // a frame the service would close the connection over, and no answer carries
 // the big body back.
 
-#include <condition_variable>
-#include <regex>
+#include <optional>
 
 #include "FrontsFixture.h"
 #include "LinkHealth.h"
 #include "PluginFixture.h"
-#include "RecordingMqttClient.h"
-#include "ThreadPool.h"
 #include "host/HttpTestClient.h"
 #include "rpc/rpc_client.h"
 #include "support/LogCapture.h"
@@ -51,8 +48,6 @@ protected:
         vlm::HttpApiServerOptions options;
         options.maxBodyBytes = 16u << 20;
         server = std::make_shared<vlm::HttpApiServer>(options);
-        // As a host does: before start, so no thread reads it while it changes.
-        plugin->setCallback(bus.callback());
     }
 
     void SetUp() override
@@ -62,15 +57,6 @@ protected:
         acceptedBefore = service.service.accepted_count();
         callClient = state().callClient();
         ASSERT_TRUE(callClient);
-    }
-
-    void TearDown() override
-    {
-        FrontsFixture::TearDown();
-        // Publishing work still queued hands records to `bus`, which goes
-        // before the plug-in does: let it finish first.
-        vlm::ThreadPool::defaultPool().joinAll();
-        EXPECT_TRUE(vlm::PilotControlPTestAccess::drainOutbound(*plugin, std::chrono::seconds(10)));
     }
 
     /// Posts a pushRoute body of ten megabytes or more: parsing and
@@ -107,7 +93,6 @@ protected:
         return -1;
     }
 
-    vlm::test::BusRecorder bus;
     std::uint64_t acceptedBefore = 0;
     std::shared_ptr<pilot_rpc::rpc_client> callClient;
 };
@@ -156,8 +141,8 @@ TEST_F(OversizeRequest, BusMessageIsLoggedAndDroppedWhileTheNextIsServed)
     EXPECT_EQ(state().oversizeRequestsRefused.load(), 1u);
 
     plugin->pushMessage(R"({"api":"pushRoute","msgId":"b2","message":{}})");
-    ASSERT_TRUE(bus.waitForCount(1));
-    EXPECT_EQ(parseObject(bus.all()[0])->getValue<std::string>("msgId"), "b2");
+    ASSERT_TRUE(bus->waitForCount(1));
+    EXPECT_EQ(parseObject(bus->all()[0])->getValue<std::string>("msgId"), "b2");
     ASSERT_EQ(service.callsOf("flightControl").size(), 1u);
     EXPECT_EQ(parseObject(service.callsOf("flightControl")[0].args[0])->getValue<std::string>("msgId"), "b2");
     expectLinkUntouched();
@@ -180,27 +165,10 @@ protected:
     {
         return roomForTheBigCommand(OversizeRequest::stationClientOptions());
     }
-
     void SetUp() override
     {
         OversizeRequest::SetUp();
-        vlm::MqttClientOptions ground;
-        ground.serverUri = broker.hostPort();
-        app = std::make_unique<vlm::PahoMqttClient>(roomForTheBigCommand(ground));
-        ASSERT_TRUE(app->connect());
-        app->Subscribe(
-            [this](const std::string&, const std::string& payload) {
-                std::lock_guard<std::mutex> lock(mutex);
-                // The command itself comes back too (same topic): big texts
-                // are only looked at for an answer that echoes them.
-                if (payload.size() > (1u << 20)) {
-                    bigAnswers += payload.find(R"("type":"response")") != std::string::npos ? 1 : 0;
-                    return;
-                }
-                answers.push_back(payload);
-                arrived.notify_all();
-            },
-            stationTopic, 0);
+        app.emplace(roomForTheBigCommand(groundOptions()), std::vector<std::string>{stationTopic});
     }
     void TearDown() override
     {
@@ -208,62 +176,33 @@ protected:
         OversizeRequest::TearDown();
     }
 
-    /// The answer with that msgId, waited for at most `limit`.
-    Poco::JSON::Object::Ptr answerTo(const std::string& msgId, std::chrono::milliseconds limit)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        Poco::JSON::Object::Ptr found;
-        arrived.wait_for(lock, limit, [&] {
-            for (const auto& payload : answers) {
-                try {
-                    auto json = parseObject(payload);
-                    if (json->optValue<std::string>("type", "") == "response" &&
-                        json->optValue<std::string>("msgId", "") == msgId) {
-                        found = json;
-                        foundText = payload;
-                        return true;
-                    }
-                } catch (...) {
-                }
-            }
-            return false;
-        });
-        return found;
-    }
-
-    std::unique_ptr<vlm::PahoMqttClient> app;
-    std::mutex mutex;  // guards answers, bigAnswers, foundText
-    std::condition_variable arrived;
-    std::vector<std::string> answers;
-    int bigAnswers = 0;
-    std::string foundText;
+    std::optional<vlm::test::GroundApp> app;
 };
 
 TEST_F(OversizeMqttCommand, NeverReachesTheServiceAndTheNextCommandIsAnsweredAtOnce)
 {
     const std::string command = bigRequest("pushRoute", "m1", 12u << 20);
-    ASSERT_TRUE(app->PublishMessage(command, stationTopic, 0, 0, 15));  // 12 MB take a while to hand over
-    auto refused = answerTo("m1", std::chrono::seconds(20));
-    ASSERT_TRUE(refused) << "no answer to the 12 MB command";
+    app->command(stationTopic, command, 15);  // 12 MB take a while to hand over
+    const std::string refusedText = app->answerText(stationTopic, "m1", std::chrono::seconds(20));
+    ASSERT_FALSE(refusedText.empty()) << "no answer to the 12 MB command";
+    EXPECT_LT(refusedText.size(), 4096u);
+    EXPECT_EQ(refusedText.find("wwww"), std::string::npos);
+    // Only the command itself comes back big (same topic), never an answer echoing it.
+    EXPECT_EQ(app->count([](const std::string&, const std::string& payload) {
+        return payload.size() > (1u << 20) && payload.find(R"("type":"response")") != std::string::npos;
+    }), 0);
+    auto refused = parseObject(refusedText);
     auto inner = refused->getObject("message");
     ASSERT_TRUE(inner);
     EXPECT_EQ(inner->getValue<int>("code"), 4002);
     // The cloud side forwards it with the service function name as second argument.
     EXPECT_EQ(inner->getValue<std::string>("msg"),
               "Pilot response mqtt error msg: " + refusalText(forwardedFrameSize(command, "publishToGround")));
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        EXPECT_LT(foundText.size(), 4096u);
-        EXPECT_EQ(foundText.find("wwww"), std::string::npos);
-        EXPECT_EQ(bigAnswers, 0);
-    }
 
-    ASSERT_TRUE(app->PublishMessage(
-        R"({"api":"pushRoute","type":"request","from":"app","target":"station-1","msgId":"m2"})", stationTopic, 0, 0,
-        1));
+    app->command(stationTopic, R"({"api":"pushRoute","type":"request","from":"app","target":"station-1","msgId":"m2"})");
     // Before, the service closed the link over the big frame and this one
     // went unanswered for more than five seconds.
-    auto next = answerTo("m2", std::chrono::seconds(1));
+    auto next = app->answerTo(stationTopic, "m2", std::chrono::seconds(1));
     ASSERT_TRUE(next) << "the command after the refused one was not answered within a second";
     EXPECT_EQ(next->getObject("message")->getValue<int>("code"), 200);
     EXPECT_EQ(state().oversizeRequestsRefused.load(), 1u);

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <set>
 
 #include <gtest/gtest.h>
+#include <Poco/JSON/Parser.h>
 
+#include "ApiCatalogue.h"
 #include "PluginBase.h"
 #include "VelmoraPlugins.h"
 
@@ -61,6 +64,56 @@ TEST_F(LoadedPlugin, EntryPointsGiveTheIdentityAndManageTheFactory)
     }
     entry<void (*)()>("PluginUnLoad")();
     EXPECT_EQ(vlm::createPluginInstance(guid), nullptr);
+}
+
+// The API list the library exports for hosts that describe their endpoints,
+// read through the exported C function as a host reads it.
+TEST_F(LoadedPlugin, ExportedApiListMirrorsTheCatalogueWithPathsStreamsAndTheVehicleRule)
+{
+    const auto function = entry<const char* (*)()>("PluginApiCatalogue");
+    ASSERT_NE(function, nullptr);
+    const char* text = function();
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(function(), text) << "the host may keep the pointer while the library is loaded";
+    auto apis = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>()->getArray("apis");
+    ASSERT_TRUE(apis);
+    ASSERT_EQ(apis->size(), 288u);
+    std::map<std::string, Poco::JSON::Object::Ptr> byName;
+    std::set<std::string> streams;
+    int previous = 0;
+    int withPath = 0;
+    for (std::size_t i = 0; i < apis->size(); ++i) {
+        const auto entry = apis->getObject(static_cast<unsigned>(i));
+        ASSERT_TRUE(entry) << "entry " << i << " is not an object";
+        const auto name = entry->getValue<std::string>("name");
+        const int number = entry->getValue<int>("number");
+        byName[name] = entry;
+        EXPECT_GT(number, previous) << name;
+        previous = number;
+        EXPECT_EQ(vlm::apiNumber(name), number) << name;
+        if (number < vlm::api::httpRegistrationLimit) {
+            ++withPath;
+            EXPECT_EQ(entry->getValue<std::string>("httpPath"), "/index/api/pilot/" + name);
+        } else {
+            EXPECT_TRUE(entry->isNull("httpPath")) << name;
+        }
+        if (entry->getValue<bool>("streaming"))
+            streams.insert(name);
+    }
+    EXPECT_EQ(byName.size(), 288u) << "a name occurs twice";
+    EXPECT_EQ(withPath, 285);
+    EXPECT_EQ(streams, (std::set<std::string>{"pushTelemetry", "updateProgress", "softUpdateStatus",
+                                              "getUpdateProgress", "updateMagneticCompassCali"}));
+    EXPECT_TRUE(byName.at("getPhotoCount")->isNull("httpPath"));
+    EXPECT_EQ(byName.at("pushTelemetry")->getValue<std::string>("category"), "telementry");
+    EXPECT_EQ(byName.at("getHLT")->getValue<std::string>("category"), "multiRotor");
+    EXPECT_EQ(byName.at("setTxWifiCmd")->getValue<std::string>("category"), "project");
+    EXPECT_TRUE(byName.at("hangerImageTransSwitch")->isNull("category"));
+    EXPECT_FALSE(byName.at("hangerImageTransSwitch")->isNull("httpPath"));
+    for (const char* stationSide : {"getConfig", "updateStationSetting", "payloadOnlineStatus"})
+        EXPECT_FALSE(byName.at(stationSide)->getValue<bool>("needsVehicle")) << stationSide;
+    for (const char* vehicleSide : {"setPowerBatteryHeatModel", "pushRoute"})
+        EXPECT_TRUE(byName.at(vehicleSide)->getValue<bool>("needsVehicle")) << vehicleSide;
 }
 
 std::set<std::string> dynamicSymbols(bool demangle)

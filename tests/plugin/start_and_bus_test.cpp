@@ -31,6 +31,14 @@ protected:
     }
 
     void start() { plugin->start(nullptr, mqtt, "127.0.0.1", service.port); }
+    // A fresh plug-in and MQTT recorder, started against the same service.
+    void restart()
+    {
+        plugin->stop();
+        plugin = vlm::PilotControlP::createInstance();
+        mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
+        start();
+    }
 
     // Waits until the service has seen `count` subscription frames in all.
     bool waitForSubscriptions(size_t count)
@@ -59,6 +67,13 @@ protected:
     ScriptedService service;
 };
 
+// The MQTT command topics of a station or pilot id, and of the alternate app GUID.
+std::string commandTopic(const std::string& id, const char* kind = "pilot")
+{
+    return std::string("/velmora/") + kind + "/FBE242B9-B226-4401-A340-36ABD4D753AD/" + id + "/cmd";
+}
+const std::string alternateTopic = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
+
 const std::vector<std::string> registeredTopics{
     "heartBeat", "pushTelemetry", "updateProgress", "getVersionInfo", "getRunInfo", "getBinInfo", "softUpload",
     "softUpdateStatus", "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
@@ -72,7 +87,8 @@ TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
     const auto calls = service.calls();
     std::vector<std::string> sequence;
     for (const auto& c : calls)
-        sequence.push_back(c.name + (c.args.empty() ? "" : "(" + c.args[0] + (c.args.size() > 1 ? "," + c.args[1] : "") + ")"));
+        sequence.push_back(c.name + (c.args.empty() ? "" : "(" + c.args[0] + (c.args.size() > 1 ? "," + c.args[1] : "") +
+                                                                ")"));
     EXPECT_EQ(sequence, (std::vector<std::string>{
                             "getIntConfig(station.app_type)", "getStringConfig(vehicle.pilot_id)",
                             "getBoolConfig(vehicle.six_axis_ar_seat)", "getIntConfig(station.link_type)",
@@ -103,10 +119,14 @@ TEST_F(StartedPlugin, StartAsksForTheSettingsAnnouncesItselfAndSubscribes)
     EXPECT_EQ(replayed, expected);
 
     // The MQTT command topics, for app type 0.
-    EXPECT_EQ(mqtt->subscribedTopics(),
-              (std::vector<std::string>{"/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd",
-                                        "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd",
-                                        "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd"}));
+    EXPECT_EQ(mqtt->subscribedTopics(), (std::vector<std::string>{commandTopic("station-1"), commandTopic("UAV-1"),
+                                                                  commandTopic("UAV-1", "payload")}));
+
+    // A second stop finds nothing left to release.
+    plugin->stop();
+    plugin->stop();
+    EXPECT_EQ(state().callClient(), nullptr);
+    EXPECT_EQ(state().subscriptionClient(), nullptr);
 }
 
 TEST_F(StartedPlugin, AnEmptyStationGetsAGeneratedId)
@@ -134,24 +154,18 @@ TEST_F(StartedPlugin, ASlowSettingsAnswerStopsStartBeforeAnySubscription)
 
 TEST_F(StartedPlugin, SeatAndAppTypeChooseTheCommandTopics)
 {
-    const std::string other = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
-    const std::string second = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
-    const std::string payload = "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/UAV-1/cmd";
     struct Case {
         bool seat;
         int appType;
         std::vector<std::string> topics;
     };
     const Case cases[] = {{true, 1, {"/station-1/pushTelemetry"}},
-                          {false, 1, {other}},
-                          {true, 0, {"/station-1/pushTelemetry", second, payload}}};
+                          {false, 1, {alternateTopic}},
+                          {true, 0, {"/station-1/pushTelemetry", commandTopic("UAV-1"), commandTopic("UAV-1", "payload")}}};
     for (const auto& c : cases) {
         service.boolSettings["vehicle.six_axis_ar_seat"] = c.seat;
         service.intSettings["station.app_type"] = c.appType;
-        plugin->stop();
-        plugin = vlm::PilotControlP::createInstance();
-        mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
-        start();
+        restart();
         EXPECT_EQ(mqtt->subscribedTopics(), c.topics) << c.seat << " " << c.appType;
         EXPECT_EQ(state().localMqtt, c.appType == 0);
     }
@@ -163,10 +177,9 @@ TEST_F(StartedPlugin, AStationIdEqualToThePilotIdSubscribesOneTopicTwice)
 {
     service.stringSettings["vehicle.pilot_id"] = "station-1";
     start();
-    const std::string topic = "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd";
+    const std::string topic = commandTopic("station-1");
     EXPECT_EQ(mqtt->subscribedTopics(),
-              (std::vector<std::string>{topic, topic,
-                                        "/velmora/payload/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"}));
+              (std::vector<std::string>{topic, topic, commandTopic("station-1", "payload")}));
     mqtt->deliver(topic, R"({"api":"getConfig","type":"request","msgId":"twice"})");
     ASSERT_TRUE(service.waitForCalls("telementry", 1));
     ASSERT_TRUE(service.waitForCalls("pilotControlBase", 2));  // setSelfGuid, then the cloud side's
@@ -181,8 +194,8 @@ TEST_F(StartedPlugin, TheDestructorUnsubscribesTheTopicOfItsSeatAndAppType)
         int appType;
         std::string topic;
     };
-    const Case cases[] = {{0, 0, "/velmora/pilot/FBE242B9-B226-4401-A340-36ABD4D753AD/station-1/cmd"},
-                          {0, 2, "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd"},
+    const Case cases[] = {{0, 0, commandTopic("station-1")},
+                          {0, 2, alternateTopic},
                           {1, 0, "/station-1/pushTelemetry"},
                           {1, 2, "/station-1/pushTelemetry"}};
     for (const auto& c : cases) {
@@ -197,15 +210,6 @@ TEST_F(StartedPlugin, TheDestructorUnsubscribesTheTopicOfItsSeatAndAppType)
         EXPECT_EQ(recorder->unsubscribedTopics(), std::vector<std::string>{c.topic});
         EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + c.topic), 1);
     }
-}
-
-TEST_F(StartedPlugin, StopTwiceIsHarmless)
-{
-    start();
-    plugin->stop();
-    plugin->stop();
-    EXPECT_EQ(state().callClient(), nullptr);
-    EXPECT_EQ(state().subscriptionClient(), nullptr);
 }
 
 // Every line names the host's logger and the plug-in as its source.
@@ -251,12 +255,9 @@ TEST_F(StartedPlugin, AServiceThatIsNotThereIsReportedAndStartGoesOn)
 TEST_F(StartedPlugin, AMissingBrokerKeyEndsStartBeforeAnySubscription)
 {
     for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"}) {
-        plugin->stop();
-        plugin = vlm::PilotControlP::createInstance();
-        mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
         vlm::configInstance().remove(key);
         LogCapture log;
-        start();
+        restart();
         vlm::configInstance().setString(key, "");
         EXPECT_EQ(log.errors(std::string("rpc subscribe failed: Not found: ") + key), 1);
         EXPECT_TRUE(mqtt->subscribedTopics().empty()) << key;
@@ -298,17 +299,14 @@ protected:
         StartedPlugin::SetUp();
         start();
     }
-    // Sends a bus message and waits until the service has seen `expected`
-    // forwarded calls in all.
     void push(const std::string& message) { plugin->pushMessage(message); }
     size_t forwardedCount()
     {
+        const std::set<std::string> forwarding{"telementry", "flightControl", "microService",
+                                               "firmwareUpdate", "project", "multiRotor"};
         size_t n = 0;
         for (const auto& c : service.calls())
-            n += (c.name == "telementry" || c.name == "flightControl" || c.name == "microService" ||
-                  c.name == "firmwareUpdate" || c.name == "project" || c.name == "multiRotor")
-                     ? 1
-                     : 0;
+            n += forwarding.count(c.name);
         return n;
     }
 };
@@ -358,15 +356,29 @@ TEST_F(BusIntake, RoutesByTheNarrowRangesWithTheirArguments)
     EXPECT_EQ(forwardedCount(), 2 + std::size(cases) - 2 + 1);
 }
 
-TEST_F(BusIntake, AnEmptyOrUnknownApiSendsAndLogsNothing)
+TEST_F(BusIntake, UnknownApisPassSilentlyBadMessagesAreLoggedAndNothingGoesWithoutAClient)
 {
-    LogCapture log;
-    for (const char* m : {R"({"api":"noSuchApi"})", R"({"api":""})", R"({})", R"({"interface":"noSuchApi"})"})
-        push(m);
-    EXPECT_TRUE(log.lines().empty());
+    {
+        LogCapture log;
+        for (const char* m : {R"({"api":"noSuchApi"})", R"({"api":""})", R"({})", R"({"interface":"noSuchApi"})"})
+            push(m);
+        EXPECT_TRUE(log.lines().empty());
+        push("not json");
+        push(R"({"api":"fixedPointFollow","data":{"lat":"north"}})");
+        int errors = 0;
+        for (const auto& line : log.lines())
+            errors += line.priority == Poco::Message::PRIO_ERROR ? 1 : 0;
+        EXPECT_EQ(errors, 2);
+    }
     push(R"({"api":"getConfig"})");
     ASSERT_TRUE(service.waitForCalls("telementry", 1));
     EXPECT_EQ(forwardedCount(), 1u);
+
+    plugin->stop();
+    LogCapture log;
+    push(R"({"api":"getConfig"})");
+    push(R"({"api":""})");
+    EXPECT_EQ(log.errors("rpc client is null"), 2);
 }
 
 // A "microService" call gives up after 5 s, the others wait two minutes: an
@@ -429,26 +441,6 @@ TEST_F(BusIntake, AnswersGoBackToTheSenderRewrittenUnlessTheyNeverReturn)
     ASSERT_TRUE(service.waitForCalls("telementry", 3));
     EXPECT_EQ(bus.all()[1], R"({"guid":"{SENDER}","message":"plain"})");
     EXPECT_FALSE(bus.waitForCount(3, std::chrono::milliseconds(300)));
-}
-
-TEST_F(BusIntake, WithoutACallClientEveryMessageIsLoggedAndDropped)
-{
-    plugin->stop();
-    LogCapture log;
-    push(R"({"api":"getConfig"})");
-    push(R"({"api":""})");
-    EXPECT_EQ(log.errors("rpc client is null"), 2);
-}
-
-TEST_F(BusIntake, MalformedMessagesAreLoggedAndDropped)
-{
-    LogCapture log;
-    push("not json");
-    push(R"({"api":"fixedPointFollow","data":{"lat":"north"}})");
-    int errors = 0;
-    for (const auto& line : log.lines())
-        errors += line.priority == Poco::Message::PRIO_ERROR ? 1 : 0;
-    EXPECT_EQ(errors, 2);
 }
 
 } // namespace
