@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <Poco/File.h>
+#include <Poco/Exception.h>
+#include <Poco/JSON/JSONException.h>
 #include <Poco/JSON/Parser.h>
 
 #include "VelmoraCommon.h"
@@ -127,11 +129,18 @@ TEST(Configuration, ConcurrentSavesNeverTearTheFile)
         w.join();
 }
 
-TEST(Configuration, MalformedFileIsReportedWithTheReason)
+// A broken file is refused as what it is, a syntax error, and the file that
+// was loaded before stays the one a later save writes to.
+TEST(Configuration, AMalformedFileIsRefusedAsASyntaxErrorAndTheLoadedOneStays)
 {
     TempDir dir;
-    const std::string path = dir.write("bad.json", R"({"a": )");
-    EXPECT_THROW(vlm::loadConfig(path), Poco::Exception);
+    const std::string good = dir.write("good.json", R"({"a": 1})");
+    const std::string bad = dir.write("bad.json", R"({"a": )");
+    vlm::loadConfig(good);
+    EXPECT_THROW(vlm::loadConfig(bad), Poco::JSON::JSONException);
+    EXPECT_EQ(vlm::configPath(), good);
+    EXPECT_THROW(vlm::loadConfig(dir.path + "/missing.json"), Poco::FileNotFoundException);
+    EXPECT_EQ(vlm::configPath(), good);
 }
 
 TEST(JsonText, StringifiesObjectsCompactly)
