@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <Poco/Util/AbstractConfiguration.h>
-
 #include "VelmoraExport.h"
 
 namespace vlm {
@@ -56,17 +54,6 @@ struct VLM_EXPORT HttpApiServerOptions {
     /// Time a connection's thread waits for a request's head and body, from
     /// when it starts waiting for it (see HttpRequestDeadlines).
     std::chrono::milliseconds requestDeadline{10000};
-
-    /// Reads "http.address", "http.port", "http.threads", "http.queue",
-    /// "http.max_body_bytes", "http.keep_alive", "http.token",
-    /// "http.reserved_host_threads", "http.max_streams",
-    /// "http.max_streams_per_client", "http.max_waiting_requests",
-    /// "http.request_deadline_seconds", "http.allowed_hosts",
-    /// "http.allowed_origins" and "http.allow_insecure_remote"; missing keys
-    /// keep the defaults above. Throws Poco::SyntaxException for a value of the
-    /// wrong type and std::invalid_argument for one out of range or caps that
-    /// do not fit.
-    static HttpApiServerOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
 };
 
 } // namespace vlm

@@ -8,18 +8,6 @@
 namespace vlm {
 namespace {
 
-const char* const keyServerUri = "mqtt.server_uri";
-const char* const keyUserName = "mqtt.user_name";
-const char* const keyPassword = "mqtt.pawsswd";
-const char* const keyCaFile = "mqtt.ca_file";
-const char* const keyTlsInsecure = "mqtt.tls_insecure";
-const char* const keyClientId = "mqtt.client_id";
-const char* const keyMaxPayloadBytes = "mqtt.max_payload_bytes";
-const char* const keyDeliveryThreads = "mqtt.delivery_threads";
-const char* const keyDeliveryQueueMessages = "mqtt.delivery_queue_messages";
-const char* const keyDeliveryQueueBytes = "mqtt.delivery_queue_bytes";
-const char* const keyStationSerial = "station.station_sn";
-
 [[noreturn]] void refuse(const std::string& configured, const std::string& why)
 {
     throw std::invalid_argument("invalid mqtt server address \"" + configured + "\": " + why);
@@ -37,26 +25,6 @@ bool isPort(const std::string& text)
 }
 
 } // namespace
-
-MqttClientOptions MqttClientOptions::fromConfig(const Poco::Util::AbstractConfiguration& config)
-{
-    MqttClientOptions options;
-    options.serverUri = config.getString(keyServerUri, options.serverUri);
-    options.userName = config.getString(keyUserName, "");
-    options.password = config.getString(keyPassword, "");
-    options.caFile = config.getString(keyCaFile, "");
-    options.tlsInsecure = config.getBool(keyTlsInsecure, false);
-    options.clientId = config.getString(keyClientId, "");
-    const auto size = [&](const char* key, std::size_t fallback) {
-        return static_cast<std::size_t>(config.getUInt64(key, fallback));
-    };
-    options.maxPayloadBytes = size(keyMaxPayloadBytes, options.maxPayloadBytes);
-    options.deliveryThreads = size(keyDeliveryThreads, options.deliveryThreads);
-    options.deliveryQueueMessages = size(keyDeliveryQueueMessages, options.deliveryQueueMessages);
-    options.deliveryQueueBytes = size(keyDeliveryQueueBytes, options.deliveryQueueBytes);
-    options.stationSerial = config.getString(keyStationSerial, "");
-    return options;
-}
 
 std::string normalizeMqttServerUri(const std::string& configured)
 {

@@ -4,8 +4,6 @@
 #include <cstddef>
 #include <string>
 
-#include <Poco/Util/AbstractConfiguration.h>
-
 #include "VelmoraExport.h"
 
 namespace vlm {
@@ -53,14 +51,6 @@ struct VLM_EXPORT MqttClientOptions {
     /// does not fit is dropped. Keep the bytes at or above maxPayloadBytes.
     std::size_t deliveryQueueMessages = 1000;
     std::size_t deliveryQueueBytes = 16 * 1048576;
-
-    /// Reads "mqtt.server_uri" (default "127.0.0.1:1883"), "mqtt.user_name",
-    /// "mqtt.pawsswd" (the key is spelt so in every station's configuration),
-    /// "mqtt.ca_file", "mqtt.tls_insecure", "mqtt.client_id",
-    /// "mqtt.max_payload_bytes", "mqtt.delivery_threads",
-    /// "mqtt.delivery_queue_messages", "mqtt.delivery_queue_bytes" and
-    /// "station.station_sn"; missing keys keep the defaults above.
-    static MqttClientOptions fromConfig(const Poco::Util::AbstractConfiguration& config);
 };
 
 /// The URI the Paho library understands for a configured broker address:
