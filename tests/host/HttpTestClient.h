@@ -40,7 +40,6 @@ struct HttpCall {
     std::string method = Poco::Net::HTTPRequest::HTTP_GET;
     std::string uri = "/";
     std::string body;
-    bool chunked = false;
     std::map<std::string, std::string> headers;
 
     HttpAnswer sendTo(std::uint16_t port) const
@@ -55,9 +54,7 @@ struct HttpCall {
         Poco::Net::HTTPRequest request(method, uri, Poco::Net::HTTPMessage::HTTP_1_1);
         for (const auto& [name, value] : headers)
             request.set(name, value);
-        if (chunked)
-            request.setChunkedTransferEncoding(true);
-        else if (!body.empty() || method == Poco::Net::HTTPRequest::HTTP_POST)
+        if (!body.empty() || method == Poco::Net::HTTPRequest::HTTP_POST)
             request.setContentLength(static_cast<std::streamsize>(body.size()));
         session.sendRequest(request) << body;
 
