@@ -44,7 +44,6 @@ TEST_F(ApiDescription, ListsExactlyTheServedEndpointsAndIsValidOpenApi3)
     ASSERT_EQ(app->startedPlugins(), 1u);
     const auto answer = send(vlm::test::get("/host/openapi.json"));
     ASSERT_EQ(answer.status, 200) << answer.body;
-    EXPECT_EQ(answer.contentType, "application/json");
     auto document = answer.json();
     ASSERT_TRUE(document);
     const auto paths = document->getObject("paths");

@@ -1,6 +1,5 @@
 // The HTTP API server answering a real HTTP client over loopback: routing,
-// bodies, handler failures and reply objects. Its refusals are in
-// http_request_guard_test.cpp, its thread budget in http_capacity_test.cpp.
+// bodies and reply objects. Refusals: http_request_guard_test.cpp.
 
 #include <memory>
 #include <string>
@@ -10,7 +9,6 @@
 #include "host/HttpTestClient.h"
 #include "VelmoraCommon.h"
 #include "http/HttpApiServer.h"
-#include "support/LogCapture.h"
 
 namespace {
 
@@ -55,21 +53,6 @@ TEST_F(HttpApiServerTest, RoutesExactPathsOnlyAndHandsOverTheBodyAsOneObject)
     // Registering again while serving replaces the handler.
     registerNamed("/index/api/pilot/pushRoute", "replaced");
     EXPECT_EQ(send(post("/index/api/pilot/pushRoute", "")).body, R"({"body":"{}","route":"replaced"})");
-}
-
-TEST_F(HttpApiServerTest, AHandlerExceptionIsAnswered500AndLoggedAndTheServerGoesOn)
-{
-    vlm::test::LogCapture log;
-    server.apiRegist("/throws", vlm::RequestApiHandler([](auto&, auto&, const auto&, auto&, const auto&) {
-                         throw std::runtime_error("rpc client is null");
-                     }));
-    registerNamed("/fine", "fine");
-
-    const HttpAnswer answer = send(post("/throws", "{}"));
-    EXPECT_EQ(answer.status, 500);
-    EXPECT_EQ(answer.body, R"({"code":500,"msg":"handler failed: rpc client is null"})");
-    EXPECT_EQ(log.errors("http handler for /throws failed: rpc client is null"), 1);
-    EXPECT_EQ(send(post("/fine", "{}")).status, 200);
 }
 
 TEST_F(HttpApiServerTest, SendsTheReplyObjectOnlyWhenTheHandlerSentNothingItself)

@@ -1,9 +1,8 @@
 // Slow clients against the HTTP server's request deadline, over loopback with
-// raw sockets: a silent connection, a head trickled a byte at a time and a
-// body trickled after a whole head are cut at the deadline and their threads
-// serve others again; a kept-alive client that is merely pausing between
-// requests gets a fresh deadline for each.
+// raw sockets: slow and silent clients are cut, a kept-alive client pausing
+// between requests is not.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -23,42 +22,31 @@
 
 namespace {
 
-const std::string notCut = "<every byte sent>";
-const std::string stillOpen = "<still open>";
-
 /// Sends `head`, then `slow` one byte every 100 ms until the server answers
-/// or closes, and returns what it wrote ("" when it just closed). Bounded by
-/// `slow`'s length and the socket's time-out.
+/// or closes, and returns what it wrote ("" when it just closed, "<open>"
+/// when it neither answered nor closed). Bounded by `slow`'s length and the
+/// socket's time-out.
 std::string trickle(std::uint16_t port, const std::string& head, const std::string& slow)
 {
     Poco::Net::StreamSocket socket(Poco::Net::SocketAddress("127.0.0.1", port));
     socket.setReceiveTimeout(Poco::Timespan(10, 0));
-    std::size_t sent = 0;
+    std::string answer;
     try {
         socket.sendBytes(head.data(), static_cast<int>(head.size()));
-        for (; sent < slow.size(); ++sent) {
+        for (std::size_t sent = 0; sent < slow.size(); ++sent) {
             socket.sendBytes(&slow[sent], 1);
             if (socket.poll(Poco::Timespan(0, 100000), Poco::Net::Socket::SELECT_READ))
                 break;
         }
-    } catch (const Poco::Exception&) {
-        return "";  // reset while sending: cut without an answer
-    }
-    if (!slow.empty() && sent == slow.size())
-        return notCut;
-    std::string answer;
-    char buffer[1024];
-    try {
-        for (int reads = 0; reads < 64; ++reads) {
-            const int n = socket.receiveBytes(buffer, sizeof buffer);
-            if (n <= 0)
-                break;
-            answer.append(buffer, static_cast<std::size_t>(n));
+        char buffer[1024];
+        for (int n = 1, reads = 0; n > 0 && reads < 64; ++reads) {
+            n = socket.receiveBytes(buffer, sizeof buffer);
+            answer.append(buffer, static_cast<std::size_t>(std::max(n, 0)));
         }
     } catch (const Poco::TimeoutException&) {
-        return stillOpen;
+        return "<open>";
     } catch (const Poco::Exception&) {
-        // A reset after the answer is one way to end.
+        // A reset is one way to be cut.
     }
     return answer;
 }
@@ -70,7 +58,6 @@ protected:
         vlm::HttpApiServerOptions options;
         options.workerThreads = threads;
         options.requestDeadline = std::chrono::seconds(1);
-        options.keepAliveTimeout = std::chrono::seconds(2);
         server = std::make_unique<vlm::HttpApiServer>(options);
         server->start();
         server->apiRegist(path, vlm::RequestApiHandler([this](auto&, auto&, const auto&, auto& reply, const auto&) {
@@ -99,9 +86,9 @@ TEST_F(HttpRequestDeadlineTest, SlowAndSilentClientsAreCutAndTheirThreadsServeOt
                                std::string(60, ' '));
     auto silent = std::async(std::launch::async, trickle, port(), "", "");
 
+    // A head cut short is no request: the parser's own 400, not a 408.
     const std::string headCut = slowHead.get();
-    EXPECT_NE(headCut, notCut);
-    EXPECT_NE(headCut, stillOpen);
+    EXPECT_EQ(headCut.rfind("HTTP/1.1 400", 0), 0u) << headCut;
     const std::string body = slowBody.get();
     EXPECT_EQ(body.rfind("HTTP/1.1 408", 0), 0u) << body;
     EXPECT_NE(body.find(R"({"code":408,"msg":"request not received within 1000 ms"})"), std::string::npos);
@@ -115,7 +102,6 @@ TEST_F(HttpRequestDeadlineTest, SlowAndSilentClientsAreCutAndTheirThreadsServeOt
 
     const auto answer = vlm::test::post(path, "{}").sendTo(port());
     EXPECT_EQ(answer.body, "{\"served\":true}");
-    EXPECT_EQ(calls.load(), 1);
 }
 
 TEST_F(HttpRequestDeadlineTest, EachRequestOnAKeptAliveConnectionGetsItsOwnDeadline)
