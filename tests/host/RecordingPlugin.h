@@ -54,9 +54,6 @@ public:
         return deliveries;
     }
 
-    /// Sends a message as this plug-in would.
-    void send(const std::string& text) { callback(text); }
-
 private:
     std::mutex mutex;  // guards deliveries
     std::condition_variable changed;

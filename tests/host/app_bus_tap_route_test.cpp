@@ -1,10 +1,9 @@
 // The bus tap over a real HTTP server and client: a stream shows every bus
-// message, a POST delivers one, bad posts are refused with the reason.
+// message, a POST delivers one, bad posts are refused with the reason, and
+// open streams end with the bus or the server.
 
-#include <algorithm>
 #include <future>
 #include <memory>
-#include <utility>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -18,7 +17,6 @@
 #include "host/HttpTestClient.h"
 #include "host/RecordingPlugin.h"
 #include "http/HttpApiServer.h"
-#include "support/LogCapture.h"
 
 namespace {
 
@@ -70,11 +68,10 @@ protected:
                                        Poco::Net::HTTPMessage::HTTP_1_1);
         session.sendRequest(request);
         std::istream& in = session.receiveResponse(response);
-        vlm::test::eventually([this] { return bus->stats().taps > 0; });
+        EXPECT_TRUE(vlm::test::eventually([this] { return bus->stats().taps == 1; }));
         return in;
     }
 
-    vlm::test::LogCapture log;
     std::shared_ptr<vlm::host::MessageBus> bus = std::make_shared<vlm::host::MessageBus>();
     std::shared_ptr<RecordingPlugin> receiver = std::make_shared<RecordingPlugin>();
     std::shared_ptr<vlm::HttpApiServer> server;
@@ -83,84 +80,10 @@ protected:
     Poco::Net::HTTPResponse response;
 };
 
-// Tap readers with a small byte budget, so that a stream falls behind soon.
-class SmallTapBudgetTest : public BusTapRouteTest {
-protected:
-    static constexpr std::size_t tapBytes = 1u << 20;
-
-    SmallTapBudgetTest()
-    {
-        vlm::host::MessageBus::Options options;
-        options.tapQueueByteLimit = tapBytes;
-        bus = std::make_shared<vlm::host::MessageBus>(options);
-    }
-};
-
-/// Reads the stream up to the event with id `last`: the ids shown, in the
-/// order shown, and the sum of the "dropped" counts.
-std::pair<std::vector<std::uint64_t>, std::uint64_t> readUpTo(std::istream& in, std::uint64_t last, int maxBlocks)
-{
-    std::vector<std::uint64_t> shown;
-    std::uint64_t dropped = 0;
-    for (int i = 0; i < maxBlocks && (shown.empty() || shown.back() != last); ++i) {
-        const std::string block = readBlock(in);
-        if (block.empty())
-            break;
-        if (block.rfind("event: dropped\ndata: {\"dropped\":", 0) == 0)
-            dropped += std::stoull(block.substr(block.find(':', block.find("dropped\"")) + 1));
-        else if (block.rfind("id: ", 0) == 0)
-            shown.push_back(std::stoull(block.substr(4)));
-    }
-    return {shown, dropped};
-}
-
-TEST_F(SmallTapBudgetTest, AStreamThatFallsBehindByBytesIsToldWhatItMissedAndGetsTheRestInOrder)
-{
-    std::istream& in = openStream();
-    ASSERT_EQ(bus->stats().taps, 1u);
-    // A second reader that reads nothing until the end.
-    const auto probe = bus->openTap();
-
-    // 40 MB in all: more than the socket buffers of the stream hold, so its
-    // handler blocks in a write while the bus goes on.
-    constexpr int count = 400;
-    const std::string pad(100 * 1024, 'x');
-    std::uint64_t first = 0;
-    std::uint64_t last = 0;
-    for (int n = 1; n <= count; ++n) {
-        last = bus->post(R"({"to":[],"n":)" + std::to_string(n) + R"(,"pad":")" + pad + R"("})", "p");
-        ASSERT_NE(last, 0u);
-        first = first == 0 ? last : first;
-        ASSERT_LE(probe->queuedBytes(), tapBytes);
-    }
-    ASSERT_TRUE(bus->waitUntilIdle(bound));
-    EXPECT_LE(probe->queuedBytes(), tapBytes);
-    EXPECT_LE(probe->queuedMessages(), tapBytes / pad.size());
-
-    const vlm::host::BusTap::Batch kept = probe->take(std::chrono::milliseconds(0));
-    ASSERT_FALSE(kept.messages.empty());
-    EXPECT_EQ(kept.dropped + kept.messages.size(), static_cast<std::size_t>(count));
-    EXPECT_EQ(kept.messages.back().seq, last) << "the newest are kept";
-    for (std::size_t i = 1; i < kept.messages.size(); ++i)
-        EXPECT_EQ(kept.messages[i].seq, kept.messages[i - 1].seq + 1);
-
-    const auto [shown, streamDropped] = readUpTo(in, last, 3 * count);
-    ASSERT_FALSE(shown.empty());
-    EXPECT_EQ(shown.back(), last);
-    EXPECT_GT(streamDropped, 0u);
-    EXPECT_EQ(shown.size() + streamDropped, static_cast<std::size_t>(count));
-    EXPECT_TRUE(std::is_sorted(shown.begin(), shown.end()));
-    EXPECT_GE(shown.front(), first);
-
-    EXPECT_EQ(bus->stats().tapDropped, kept.dropped + streamDropped);
-    EXPECT_EQ(vlm::test::linesWith(log, "bus tap reader behind"), 2) << "one line for each reader's burst";
-}
-
 TEST_F(BusTapRouteTest, QuietStreamsGetKeepAliveCommentsAndEveryMessageAsAnEventInBusOrder)
 {
     std::istream& in = openStream();
     EXPECT_EQ(response.getContentType(), "text/event-stream");
-    ASSERT_EQ(bus->stats().taps, 1u);
     EXPECT_EQ(readBlock(in), "retry: 3000\n");
     EXPECT_EQ(readBlock(in), ": keep-alive\n");
 
@@ -173,7 +96,6 @@ TEST_F(BusTapRouteTest, QuietStreamsGetKeepAliveCommentsAndEveryMessageAsAnEvent
 TEST_F(BusTapRouteTest, PostDeliversTheBodyUnchangedAndTheStreamShowsIt)
 {
     std::istream& in = openStream();
-
     const std::string body = R"({"to": ["aaaaaaaa-1111-2222-3333-444444444444"], "api": "getConfig"})";
     const auto answer = vlm::test::post(vlm::host::busTapPath, body).sendTo(server->port());
     EXPECT_EQ(answer.status, 202);
@@ -184,12 +106,11 @@ TEST_F(BusTapRouteTest, PostDeliversTheBodyUnchangedAndTheStreamShowsIt)
     const auto delivered = receiver->waitFor(1);
     ASSERT_EQ(delivered.size(), 1u);
     EXPECT_EQ(delivered[0].text, body);
-    const std::string event = readEvent(in);
-    EXPECT_NE(event.find("id: " + std::to_string(json->getValue<std::uint64_t>("seq"))), std::string::npos);
-    EXPECT_NE(event.find("data: " + body), std::string::npos);
+    EXPECT_EQ(readEvent(in), "id: " + std::to_string(json->getValue<std::uint64_t>("seq")) + "\nevent: bus\ndata: " +
+                                 body + "\n");
 }
 
-TEST_F(BusTapRouteTest, BadPostsAndOtherMethodsAreRefusedWithTheReason)
+TEST_F(BusTapRouteTest, BadPostsAreRefusedWithTheReason)
 {
     struct Case {
         std::string body;
@@ -198,10 +119,7 @@ TEST_F(BusTapRouteTest, BadPostsAndOtherMethodsAreRefusedWithTheReason)
     };
     const Case cases[] = {
         {"{not json", 400, "bus message is not JSON"},
-        {"[1]", 400, "bus message must be a JSON object"},
-        {R"({"api":"x"})", 400, "list of receiver GUIDs"},
         {R"({"to":"AAAAAAAA-1111-2222-3333-444444444444"})", 400, "list of receiver GUIDs"},
-        {R"({"to":[1,2]})", 400, "list of receiver GUIDs"},
         {std::string(5000, ' '), 413, "larger than 4096 bytes"},
     };
     for (const auto& c : cases) {
@@ -211,20 +129,13 @@ TEST_F(BusTapRouteTest, BadPostsAndOtherMethodsAreRefusedWithTheReason)
     }
     EXPECT_EQ(bus->stats().posted, 0u);
     EXPECT_TRUE(receiver->received().empty());
-
-    vlm::test::HttpCall put;
-    put.method = Poco::Net::HTTPRequest::HTTP_PUT;
-    put.uri = vlm::host::busTapPath;
-    const auto answer = put.sendTo(server->port());
-    EXPECT_EQ(answer.status, 405);
-    EXPECT_EQ(answer.headers.at("Allow"), "GET, POST");
 }
 
 TEST_F(BusTapRouteTest, StreamsEndWhenTheBusStops)
 {
     std::istream& in = openStream();
     auto ended = std::async(std::launch::async, [&] {
-        while (!readBlock(in).empty()) {
+        for (int i = 0; i < 1000 && !readBlock(in).empty(); ++i) {
         }
     });
     bus->stop();
@@ -232,7 +143,7 @@ TEST_F(BusTapRouteTest, StreamsEndWhenTheBusStops)
     EXPECT_EQ(bus->stats().taps, 0u);
 }
 
-TEST_F(BusTapRouteTest, StreamsEndWhenTheServerStops)
+TEST_F(BusTapRouteTest, AnOpenStreamDoesNotHoldUpTheServersStop)
 {
     openStream();
     EXPECT_TRUE(server->stop());

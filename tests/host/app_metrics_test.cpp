@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
-#include <string_view>
-#include <thread>
 
 #include "app/MetricsRoute.h"
 #include "app/PluginMetricsReport.h"
 #include "app/PrometheusText.h"
+#include "host/HostTestSupport.h"
 #include "host/HttpTestClient.h"
 #include "http/HttpApiServer.h"
 
@@ -21,35 +19,25 @@ using vlm::host::MetricType;
 using vlm::host::parsePluginMetrics;
 using vlm::host::PrometheusText;
 
-TEST(PrometheusTextTest, EscapesLabelValuesAndHelpAndKeepsEachFamilyTogether)
+TEST(PrometheusTextTest, EscapesKeepsEachFamilyTogetherAndMakesHistogramBucketsCumulative)
 {
     PrometheusText out;
     const auto first = out.family("velmora_a_total", MetricType::counter, "back\\slash\nnewline \"quoted\"");
-    const auto second = out.family("velmora_b", MetricType::gauge, "b");
-    out.add(first, {{"path", "C:\\x \"y\"\nz"}}, 1);
-    out.add(second, {}, 2.5);
-    // Asked for again later: the samples still land under the first TYPE line.
-    out.add(out.family("velmora_a_total", MetricType::counter, "ignored"), {{"path", "p"}}, 3);
-
-    EXPECT_EQ(out.text(), "# HELP velmora_a_total back\\\\slash\\nnewline \"quoted\"\n"
-                          "# TYPE velmora_a_total counter\n"
-                          "velmora_a_total{path=\"C:\\\\x \\\"y\\\"\\nz\"} 1\n"
-                          "velmora_a_total{path=\"p\"} 3\n"
-                          "# HELP velmora_b b\n"
-                          "# TYPE velmora_b gauge\n"
-                          "velmora_b 2.5\n");
-}
-
-TEST(PrometheusTextTest, HistogramBucketsAreCumulativeAndEndInInfEqualToCount)
-{
-    PrometheusText out;
     vlm::host::HistogramSnapshot h;
     h.bounds = {0.001, 0.5, 2};
     h.counts = {3, 0, 4};
     h.overflow = 2;
     h.sum = 7.25;
     out.addHistogram(out.family("velmora_lat_seconds", MetricType::histogram, "l"), {{"front", "http"}}, h);
-    EXPECT_EQ(out.text(), "# HELP velmora_lat_seconds l\n"
+    out.add(first, {{"path", "C:\\x \"y\"\nz"}}, 1);
+    // Asked for again later: the sample still lands under the first TYPE line.
+    out.add(out.family("velmora_a_total", MetricType::counter, "ignored"), {}, 3);
+
+    EXPECT_EQ(out.text(), "# HELP velmora_a_total back\\\\slash\\nnewline \"quoted\"\n"
+                          "# TYPE velmora_a_total counter\n"
+                          "velmora_a_total{path=\"C:\\\\x \\\"y\\\"\\nz\"} 1\n"
+                          "velmora_a_total 3\n"
+                          "# HELP velmora_lat_seconds l\n"
                           "# TYPE velmora_lat_seconds histogram\n"
                           "velmora_lat_seconds_bucket{front=\"http\",le=\"0.001\"} 3\n"
                           "velmora_lat_seconds_bucket{front=\"http\",le=\"0.5\"} 3\n"
@@ -62,41 +50,24 @@ TEST(PrometheusTextTest, HistogramBucketsAreCumulativeAndEndInInfEqualToCount)
 TEST(PrometheusTextTest, ValuesReadBackExactly)
 {
     EXPECT_EQ(vlm::host::formatMetricValue(HUGE_VAL), "+Inf");
-    EXPECT_EQ(vlm::host::formatMetricValue(-HUGE_VAL), "-Inf");
     EXPECT_EQ(vlm::host::formatMetricValue(std::nan("")), "NaN");
     EXPECT_EQ(vlm::host::formatMetricValue(18446744073709551615.0), "1.8446744073709552e+19");
-    EXPECT_EQ(vlm::host::formatMetricValue(0.1), "0.1");
     for (double v : {0.1 + 0.2, 1e-300, 123456.789, -4.5, 1e15 + 1})
         EXPECT_EQ(std::strtod(vlm::host::formatMetricValue(v).c_str(), nullptr), v);
 }
 
-const char* validReport = "# HELP requests_total Requests.\n"
-                          "# TYPE requests_total counter\n"
-                          "requests_total{front=\"http\",outcome=\"-1\"} 4\n"
-                          "# TYPE open gauge\n"
-                          "open -2.5\n"
-                          "# a comment\n"
-                          "\n"
-                          "# TYPE lat_seconds histogram\n"
-                          "lat_seconds_bucket{le=\"0.5\"} 1\n"
-                          "lat_seconds_bucket{le=\"+Inf\"} 3\n"
-                          "lat_seconds_sum 2.5\n"
-                          "lat_seconds_count 3\n";
-
 TEST(PluginMetricsReportTest, KeepsWhatFollowsTheFormat)
 {
-    const auto report = parsePluginMetrics(validReport);
+    const auto report = parsePluginMetrics("# HELP requests_total Requests.\n# TYPE requests_total counter\n"
+                                           "requests_total{front=\"http\",outcome=\"-1\"} 4\n# a comment\n\n"
+                                           "# TYPE open gauge\nopen -2.5\n");
     EXPECT_EQ(report.rejectedLines, 0u);
-    ASSERT_EQ(report.families.size(), 3u);
-    EXPECT_EQ(report.families[0].name, "requests_total");
+    ASSERT_EQ(report.families.size(), 2u);
     EXPECT_EQ(report.families[0].help, "Requests.");
     ASSERT_EQ(report.families[0].samples.size(), 1u);
-    EXPECT_EQ(report.families[0].samples[0].labels,
-              (vlm::host::MetricLabels{{"front", "http"}, {"outcome", "-1"}}));
+    EXPECT_EQ(report.families[0].samples[0].labels, (vlm::host::MetricLabels{{"front", "http"}, {"outcome", "-1"}}));
     EXPECT_EQ(report.families[0].samples[0].value, 4);
     EXPECT_EQ(report.families[1].samples.at(0).value, -2.5);
-    EXPECT_EQ(report.families[2].type, MetricType::histogram);
-    EXPECT_EQ(report.families[2].samples.size(), 4u);
 }
 
 TEST(PluginMetricsReportTest, DropsAndCountsEveryLineThatBreaksTheFormat)
@@ -160,17 +131,13 @@ TEST(PluginMetricsReportTest, DropsHistogramSeriesWhoseBucketsDoNotAddUp)
     const std::string head = "# TYPE h histogram\n";
     const std::string good = "h_bucket{s=\"ok\",le=\"1\"} 1\nh_bucket{s=\"ok\",le=\"+Inf\"} 2\n"
                              "h_sum{s=\"ok\"} 1\nh_count{s=\"ok\"} 2\n";
+    // Falling counts, no +Inf bucket, a count that is not +Inf's, bounds out of order, no sum.
     const char* broken[] = {
-        // falling bucket counts
         "h_bucket{s=\"b\",le=\"1\"} 5\nh_bucket{s=\"b\",le=\"+Inf\"} 2\nh_sum{s=\"b\"} 1\nh_count{s=\"b\"} 2\n",
-        // no +Inf bucket
         "h_bucket{s=\"b\",le=\"1\"} 1\nh_sum{s=\"b\"} 1\nh_count{s=\"b\"} 1\n",
-        // count differs from the +Inf bucket
         "h_bucket{s=\"b\",le=\"+Inf\"} 2\nh_sum{s=\"b\"} 1\nh_count{s=\"b\"} 3\n",
-        // bounds out of order
         "h_bucket{s=\"b\",le=\"2\"} 1\nh_bucket{s=\"b\",le=\"1\"} 1\nh_bucket{s=\"b\",le=\"+Inf\"} 1\n"
         "h_sum{s=\"b\"} 1\nh_count{s=\"b\"} 1\n",
-        // no sum
         "h_bucket{s=\"b\",le=\"+Inf\"} 1\nh_count{s=\"b\"} 1\n",
     };
     for (const char* series : broken) {
@@ -184,64 +151,37 @@ TEST(PluginMetricsReportTest, DropsHistogramSeriesWhoseBucketsDoNotAddUp)
     }
 }
 
-TEST(PluginMetricsReportTest, AnyBytesParseWithoutThrowing)
+TEST(MetricsRoute, AnswersPlainTextAndCountsRequestsByRouteClassAndStatus)
 {
-    const std::string_view alphabet = "#{}\"\\=, \n_aglet0.9+-INfN";
-    std::string noise;
-    std::uint32_t state = 12345;
-    for (int i = 0; i < 20000; ++i) {
-        state = state * 1103515245u + 12345u;
-        noise += alphabet[(state >> 16) % alphabet.size()];
-    }
-    EXPECT_NO_THROW(parsePluginMetrics(std::string(validReport) + noise));
-    EXPECT_NO_THROW(parsePluginMetrics(std::string("# TYPE g gauge\ng{a=\"\\")));
-}
-
-class MetricsRouteTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        server = std::make_shared<vlm::HttpApiServer>(vlm::HttpApiServerOptions{});
-        vlm::host::installMetricsRoute(*server, [this] {
-            std::string text;
-            for (const auto& count : server->requestCounts())
-                text += std::string(vlm::httpRouteClassName(count.routeClass)) + " " +
-                        std::to_string(count.status) + " " + std::to_string(count.count) + "\n";
-            return text;
-        });
-        server->apiRegist("/index/api/x", vlm::RequestApiHandler([](auto&, auto&, const auto&, auto& reply,
-                                                                    const auto&) { reply.set("ok", true); }));
-        server->start();
-    }
-    void TearDown() override { server->stop(); }
-
-    std::shared_ptr<vlm::HttpApiServer> server;
-};
-
-TEST_F(MetricsRouteTest, AnswersPlainTextAndCountsRequestsByRouteClassAndStatus)
-{
+    auto server = std::make_shared<vlm::HttpApiServer>(vlm::HttpApiServerOptions{});
+    vlm::host::installMetricsRoute(*server, [&server] {
+        std::string text;
+        for (const auto& count : server->requestCounts())
+            text += std::string(vlm::httpRouteClassName(count.routeClass)) + " " + std::to_string(count.status) +
+                    " " + std::to_string(count.count) + "\n";
+        return text;
+    });
+    server->apiRegist("/index/api/x", vlm::RequestApiHandler([](auto&, auto&, const auto&, auto& reply,
+                                                                const auto&) { reply.set("ok", true); }));
+    server->start();
     const auto port = server->port();
     EXPECT_EQ(vlm::test::post("/index/api/x", "{}").sendTo(port).status, 200);
     EXPECT_EQ(vlm::test::post("/index/api/x", "{}").sendTo(port).status, 200);
     EXPECT_EQ(vlm::test::get("/nowhere").sendTo(port).status, 404);
     EXPECT_EQ(vlm::test::post(vlm::host::metricsPath, "{}").sendTo(port).status, 405);
 
-    const auto first = vlm::test::get(vlm::host::metricsPath).sendTo(port);
-    ASSERT_EQ(first.status, 200);
-    EXPECT_EQ(first.contentType, vlm::host::prometheusContentType);
-    // A request is counted once its answer is written, which a client may
-    // see a moment earlier: scrape until the counts are in (bounded).
-    const auto holds = [](const std::string& body) {
+    // A request is counted once its answer is written, which its client may
+    // see a moment earlier: scrape until the counts are in.
+    std::string body;
+    EXPECT_TRUE(vlm::test::eventually([&] {
+        const auto scrape = vlm::test::get(vlm::host::metricsPath).sendTo(port);
+        EXPECT_EQ(scrape.contentType, vlm::host::prometheusContentType);
+        body = scrape.body;
         return body.find("plugin_request 200 2\n") != std::string::npos &&
                body.find("refused 404 1\n") != std::string::npos &&
                body.find("refused 405 1\n") != std::string::npos && body.find("host 200 ") != std::string::npos;
-    };
-    std::string body = first.body;
-    for (int round = 0; round < 100 && !holds(body); ++round) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        body = vlm::test::get(vlm::host::metricsPath).sendTo(port).body;
-    }
-    EXPECT_TRUE(holds(body)) << body;
+    })) << body;
+    server->stop();
 }
 
 } // namespace
