@@ -1,7 +1,7 @@
 // The host assembled in-process: a real broker, a scripted micro service, the
 // real plug-in library next to libraries that are no plug-ins. The host
-// serves what loaded, reports what did not and what its links do, and stops
-// in order.
+// serves what loaded, reports what did not and what its links do, shows its
+// bus on the tap, and stops in order.
 
 #include <gtest/gtest.h>
 
@@ -17,6 +17,17 @@
 
 namespace {
 
+using vlm::test::readBlock;
+
+/// The next event block, past keep-alive comments.
+std::string readEvent(std::istream& in)
+{
+    std::string block = ":";
+    for (int i = 0; i < 100 && block.rfind(':', 0) == 0; ++i)
+        block = readBlock(in);
+    return block;
+}
+
 class HostAppTest : public vlm::test::HostAppFixture {
 protected:
     void SetUp() override
@@ -30,32 +41,33 @@ protected:
                   R"("bus": {"max_message_bytes": 4096},)");
     }
 
-    /// plugins[0].service of the health report.
-    Poco::JSON::Object::Ptr serviceReport()
+    /// Opens the bus tap; returns the stream after its retry hint.
+    std::istream& openTap()
     {
-        const auto report = health();
-        const auto plugins = report ? report->getArray("plugins") : nullptr;
-        return plugins && plugins->size() == 1 ? plugins->getObject(0)->getObject("service") : nullptr;
+        tap.setPort(app->httpPort());
+        tap.setTimeout(Poco::Timespan(10, 0));
+        Poco::Net::HTTPRequest open(Poco::Net::HTTPRequest::HTTP_GET, "/host/bus", Poco::Net::HTTPMessage::HTTP_1_1);
+        tap.sendRequest(open);
+        std::istream& in = tap.receiveResponse(tapResponse);
+        EXPECT_EQ(tapResponse.getContentType(), "text/event-stream");
+        EXPECT_EQ(readBlock(in), "retry: 3000\n");
+        return in;
     }
 
     vlm::test::LogCapture log;
+    Poco::Net::HTTPClientSession tap{"127.0.0.1"};
+    Poco::Net::HTTPResponse tapResponse;
 };
 
-TEST_F(HostAppTest, ServesWhatLoadedReportsEveryFailureAndRefusesOversizeBusPosts)
+TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailure)
 {
     EXPECT_EQ(app->startedPlugins(), 1u);
     EXPECT_TRUE(log.contains("plug-in /no/such/libGone.so not loaded: no such file"));
-    const std::string tooLarge = R"({"to":["d639b3d5-a951-4bc7-a629-91255ebf9638"],"pad":")" + std::string(4096, 'x') + R"("})";
-    const auto refused = vlm::test::post("/host/bus", tooLarge).sendTo(app->httpPort());
-    EXPECT_EQ(refused.status, 503);
-    EXPECT_NE(refused.body.find("too large"), std::string::npos) << refused.body;
-
     const auto report = health();
     ASSERT_TRUE(report);
     EXPECT_EQ(report->getValue<std::string>("status"), "degraded");
     EXPECT_TRUE(report->getObject("mqtt")->getValue<bool>("connected"));
     EXPECT_EQ(report->getObject("mqtt")->getValue<std::string>("station_sn"), "station-7");
-    EXPECT_EQ(report->getObject("bus")->getValue<std::uint64_t>("oversize"), 1u);
     const auto plugins = report->getArray("plugins");
     ASSERT_EQ(plugins->size(), 1u);
     EXPECT_EQ(plugins->getObject(0)->getValue<std::string>("guid"), vlm::test::pilotGuid);
@@ -74,55 +86,70 @@ TEST_F(HostAppTest, HealthShowsThePluginsOwnViewOfItsLinksAndCountsReconnections
 {
     ASSERT_TRUE(service.service.wait_for_subscriber("heartBeat", std::chrono::seconds(10)));
     service.service.publish("heartBeat", R"({"seq":1})");
-    Poco::JSON::Object::Ptr report;
-    ASSERT_TRUE(vlm::test::eventually([&] {
-        report = serviceReport();
-        const auto ages = report ? report->getObject("last_frame_age_ms") : nullptr;
-        return ages && !ages->isNull("subscription") && !ages->isNull("call");
-    }));
+    Poco::JSON::Object::Ptr link;
+    const auto linkReportHas = [&](const char* object, const char* client) {
+        const auto report = health();
+        link = report ? report->getArray("plugins")->getObject(0)->getObject("service") : nullptr;
+        const auto part = link ? link->getObject(object) : nullptr;
+        return part && part->has(client) && !part->isNull(client) && part->getValue<int>(client) >= 0;
+    };
+    ASSERT_TRUE(vlm::test::eventually([&] { return linkReportHas("last_frame_age_ms", "subscription"); }));
+    EXPECT_FALSE(link->getObject("last_frame_age_ms")->isNull("call"));
     for (const char* key : {"oversize_requests_refused", "error_echoes_trimmed", "stale_telemetry_dropped",
                             "event_publications_dropped", "command_answers_dropped"})
-        EXPECT_EQ(report->getObject("counters")->getValue<int>(key), 0) << key;
+        EXPECT_EQ(link->getObject("counters")->getValue<int>(key), 0) << key;
 
     // To the plug-in's clients a restarted service is exactly this.
     const auto accepted = service.service.accepted_count();
     service.service.close_all_connections();
     ASSERT_TRUE(service.service.wait_for_accepted(accepted + 2, std::chrono::seconds(10)));
     ASSERT_TRUE(vlm::test::eventually([&] {
-        report = serviceReport();
-        const auto reconnects = report ? report->getObject("reconnects") : nullptr;
-        return reconnects && reconnects->getValue<int>("call") + reconnects->getValue<int>("subscription") >= 2;
+        return linkReportHas("reconnects", "call") && link->getObject("reconnects")->getValue<int>("call") == 1 &&
+               link->getObject("reconnects")->getValue<int>("subscription") == 1;
     }));
-    EXPECT_EQ(report->getObject("reconnects")->getValue<int>("call"), 1);
-    EXPECT_EQ(report->getObject("reconnects")->getValue<int>("subscription"), 1);
 }
 
-TEST_F(HostAppTest, BusTapStreamsTakeAtMostHalfTheHostReserve)
+TEST_F(HostAppTest, BusTapShowsEachMessageInOrderRefusesBadPostsAndTakesAtMostHalfTheReserve)
 {
+    std::istream& in = openTap();
     // 16 threads keep 2 for the host's paths; the bus tap may hold 1 of them.
-    Poco::Net::HTTPClientSession tap("127.0.0.1", app->httpPort());
-    tap.setTimeout(Poco::Timespan(10, 0));
-    Poco::Net::HTTPRequest open(Poco::Net::HTTPRequest::HTTP_GET, "/host/bus", Poco::Net::HTTPMessage::HTTP_1_1);
-    tap.sendRequest(open);
-    Poco::Net::HTTPResponse opened;
-    std::istream& in = tap.receiveResponse(opened);
-    ASSERT_EQ(opened.getStatus(), 200);
-    std::string line;
-    ASSERT_TRUE(std::getline(in, line));  // the stream is being served
-
     const auto second = vlm::test::get("/host/bus").sendTo(app->httpPort());
     EXPECT_EQ(second.status, 503);
     EXPECT_EQ(second.headers.count("Retry-After"), 1u);
-    const auto report = health();
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->getObject("http")->getValue<int>("bus_taps_refused"), 1);
-    EXPECT_EQ(report->getObject("http")->getValue<int>("streams_refused"), 0);
+    EXPECT_EQ(health()->getObject("http")->getValue<int>("bus_taps_refused"), 1);
+
+    const std::string tooLarge = R"({"to":["d639b3d5-a951-4bc7-a629-91255ebf9638"],"pad":")" +
+                                 std::string(4096, 'x') + R"("})";
+    const std::pair<std::string, std::string> refused[] = {{"{not json", "400 bus message is not JSON"},
+                                                           {R"({"to":"x"})", "400 list of receiver GUIDs"},
+                                                           {tooLarge, "503 too large"}};
+    for (const auto& [body, answer] : refused) {
+        const auto got = send(vlm::test::post("/host/bus", body));
+        EXPECT_EQ(std::to_string(got.status), answer.substr(0, 3));
+        EXPECT_NE(got.body.find(answer.substr(4)), std::string::npos) << got.body;
+    }
+    EXPECT_EQ(health()->getObject("bus")->getValue<std::uint64_t>("oversize"), 1u);
+
+    const std::string body = R"({"to": ["aaaaaaaa-1111-2222-3333-444444444444"], "api": "getConfig"})";
+    const auto answer = send(vlm::test::post("/host/bus", body));
+    EXPECT_EQ(answer.status, 202);
+    ASSERT_TRUE(answer.json());
+    EXPECT_EQ(answer.json()->getValue<std::string>("msg"), "queued");
+    const std::uint64_t rejected = app->bus().post("line one\nline two", "test");
+    EXPECT_EQ(readEvent(in), "id: " + std::to_string(answer.json()->getValue<std::uint64_t>("seq")) +
+                                 "\nevent: bus\ndata: " + body + "\n");
+    EXPECT_EQ(readEvent(in), "id: " + std::to_string(rejected) + "\nevent: rejected\ndata: line one\ndata: line two\n");
 }
 
-TEST_F(HostAppTest, StopTakesEverythingDownInOrderAndOnlyOnce)
+TEST_F(HostAppTest, StopEndsOpenStreamsAndTakesEverythingDownInOrderAndOnlyOnce)
 {
+    std::istream& in = openTap();
     const auto port = app->httpPort();
     app->stop();
+    std::string block = "-";
+    for (int i = 0; i < 100 && !block.empty(); ++i)
+        block = readBlock(in);
+    EXPECT_EQ(block, "") << "the tap stream ended";
     EXPECT_TRUE(vlm::registeredPluginKeys().empty());
     EXPECT_TRUE(log.contains("plug-in VelmoraPluginPilotControl stopped and unloaded"));
     EXPECT_THROW(vlm::test::get("/host/health").sendTo(port), Poco::Net::NetException);

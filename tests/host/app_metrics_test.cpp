@@ -1,17 +1,12 @@
-// The metrics exposition's parts: the text writer, the reading of a plug-in's
-// untrusted report, and the server's request counts by route class, through
-// the real "/host/metrics" route.
+// The metrics exposition's parts: the text writer and the reading of a
+// plug-in's untrusted report.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "app/MetricsRoute.h"
 #include "app/PluginMetricsReport.h"
 #include "app/PrometheusText.h"
-#include "host/HostTestSupport.h"
-#include "host/HttpTestClient.h"
-#include "http/HttpApiServer.h"
 
 namespace {
 
@@ -149,39 +144,6 @@ TEST(PluginMetricsReportTest, DropsHistogramSeriesWhoseBucketsDoNotAddUp)
             EXPECT_EQ(sample.labels.at(0).second, "ok") << series;
         EXPECT_GT(report.rejectedLines, 0u) << series;
     }
-}
-
-TEST(MetricsRoute, AnswersPlainTextAndCountsRequestsByRouteClassAndStatus)
-{
-    auto server = std::make_shared<vlm::HttpApiServer>(vlm::HttpApiServerOptions{});
-    vlm::host::installMetricsRoute(*server, [&server] {
-        std::string text;
-        for (const auto& count : server->requestCounts())
-            text += std::string(vlm::httpRouteClassName(count.routeClass)) + " " + std::to_string(count.status) +
-                    " " + std::to_string(count.count) + "\n";
-        return text;
-    });
-    server->apiRegist("/index/api/x", vlm::RequestApiHandler([](auto&, auto&, const auto&, auto& reply,
-                                                                const auto&) { reply.set("ok", true); }));
-    server->start();
-    const auto port = server->port();
-    EXPECT_EQ(vlm::test::post("/index/api/x", "{}").sendTo(port).status, 200);
-    EXPECT_EQ(vlm::test::post("/index/api/x", "{}").sendTo(port).status, 200);
-    EXPECT_EQ(vlm::test::get("/nowhere").sendTo(port).status, 404);
-    EXPECT_EQ(vlm::test::post(vlm::host::metricsPath, "{}").sendTo(port).status, 405);
-
-    // A request is counted once its answer is written, which its client may
-    // see a moment earlier: scrape until the counts are in.
-    std::string body;
-    EXPECT_TRUE(vlm::test::eventually([&] {
-        const auto scrape = vlm::test::get(vlm::host::metricsPath).sendTo(port);
-        EXPECT_EQ(scrape.contentType, vlm::host::prometheusContentType);
-        body = scrape.body;
-        return body.find("plugin_request 200 2\n") != std::string::npos &&
-               body.find("refused 404 1\n") != std::string::npos &&
-               body.find("refused 405 1\n") != std::string::npos && body.find("host 200 ") != std::string::npos;
-    })) << body;
-    server->stop();
 }
 
 } // namespace
