@@ -67,7 +67,6 @@ TEST_F(HostAppTest, ServesWhatLoadedAndReportsEveryFailure)
     ASSERT_TRUE(report);
     EXPECT_EQ(report->getValue<std::string>("status"), "degraded");
     EXPECT_TRUE(report->getObject("mqtt")->getValue<bool>("connected"));
-    EXPECT_EQ(report->getObject("mqtt")->getValue<std::string>("station_sn"), "station-7");
     const auto plugins = report->getArray("plugins");
     ASSERT_EQ(plugins->size(), 1u);
     EXPECT_EQ(plugins->getObject(0)->getValue<std::string>("guid"), vlm::test::pilotGuid);
@@ -95,9 +94,7 @@ TEST_F(HostAppTest, HealthShowsThePluginsOwnViewOfItsLinksAndCountsReconnections
     };
     ASSERT_TRUE(vlm::test::eventually([&] { return linkReportHas("last_frame_age_ms", "subscription"); }));
     EXPECT_FALSE(link->getObject("last_frame_age_ms")->isNull("call"));
-    for (const char* key : {"oversize_requests_refused", "error_echoes_trimmed", "stale_telemetry_dropped",
-                            "event_publications_dropped", "command_answers_dropped"})
-        EXPECT_EQ(link->getObject("counters")->getValue<int>(key), 0) << key;
+    EXPECT_EQ(link->getObject("counters")->getValue<int>("oversize_requests_refused"), 0);
 
     // To the plug-in's clients a restarted service is exactly this.
     const auto accepted = service.service.accepted_count();

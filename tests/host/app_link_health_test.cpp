@@ -10,11 +10,10 @@
 
 namespace {
 
-TEST(PluginLinkHealthReport, OnlyTheInstanceServingTheAddressIsShown)
+TEST(PluginLinkHealthReport, ShowsOnlyTheInstanceServingTheAddressAndReadsReportsOfAnyLength)
 {
     const std::string report = R"({"instances":[
-        {"service_address":"127.0.0.1","service_port":1,"links":{"call":{"last_frame_age_ms":5,"reconnects":9}},
-         "counters":{"x":1}},
+        {"service_address":"127.0.0.1","service_port":1,"links":{"call":{"reconnects":9}},"counters":{"x":1}},
         {"service_address":"127.0.0.1","service_port":7700,
          "links":{"call":{"connected":true,"last_frame_age_ms":12,"reconnects":0},
                   "subscription":{"connected":true,"last_frame_age_ms":null,"reconnects":2}},
@@ -31,10 +30,7 @@ TEST(PluginLinkHealthReport, OnlyTheInstanceServingTheAddressIsShown)
     vlm::host::addPluginLinkHealth(untouched, "not json", "127.0.0.1", 7700);
     vlm::host::addPluginLinkHealth(untouched, R"({"instances":7})", "127.0.0.1", 7700);
     EXPECT_EQ(untouched.size(), 0u);
-}
 
-TEST(PluginLinkHealthReport, ReadsAReportLongerThanTheFirstBuffer)
-{
     static const std::string text = "{\"instances\":[]," + std::string(10000, ' ') + "}";
     auto function = [](char* buffer, std::size_t size) -> std::size_t {
         if (buffer && size > 0) {

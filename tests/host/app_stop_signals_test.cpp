@@ -13,13 +13,9 @@ namespace {
 
 using vlm::host::StopSignals;
 
-class StopSignalsTest : public ::testing::Test {
-protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(StopSignalsTest, ASecondSignalEndsTheProcessAtOnce)
+TEST(StopSignals, ASecondSignalOrAStopThatHangsEndsTheProcess)
 {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             StopSignals signals(nullptr, std::chrono::seconds(30));
@@ -31,10 +27,6 @@ TEST_F(StopSignalsTest, ASecondSignalEndsTheProcessAtOnce)
             ::_exit(3);
         },
         ::testing::ExitedWithCode(1), "second stop signal; exiting now");
-}
-
-TEST_F(StopSignalsTest, AStopThatHangsIsCutShort)
-{
     EXPECT_EXIT(
         {
             StopSignals signals(nullptr, std::chrono::seconds(0));
