@@ -14,21 +14,15 @@ TEST(PluginLinkHealthReport, ShowsOnlyTheInstanceServingTheAddressAndReadsReport
 {
     const std::string report = R"({"instances":[
         {"service_address":"127.0.0.1","service_port":1,"links":{"call":{"reconnects":9}},"counters":{"x":1}},
-        {"service_address":"127.0.0.1","service_port":7700,
-         "links":{"call":{"connected":true,"last_frame_age_ms":12,"reconnects":0},
-                  "subscription":{"connected":true,"last_frame_age_ms":null,"reconnects":2}},
-         "counters":{"oversize_requests_refused":3}}]})";
+        {"service_address":"127.0.0.1","service_port":7700,"links":{"subscription":{"reconnects":2}}}]})";
     Poco::JSON::Object service;
     vlm::host::addPluginLinkHealth(service, report, "127.0.0.1", 7700);
-    EXPECT_EQ(service.getObject("last_frame_age_ms")->getValue<int>("call"), 12);
-    EXPECT_TRUE(service.getObject("last_frame_age_ms")->isNull("subscription"));
+    EXPECT_TRUE(service.getObject("reconnects")->isNull("call"));
     EXPECT_EQ(service.getObject("reconnects")->getValue<int>("subscription"), 2);
-    EXPECT_EQ(service.getObject("counters")->getValue<int>("oversize_requests_refused"), 3);
 
     Poco::JSON::Object untouched;
     vlm::host::addPluginLinkHealth(untouched, report, "127.0.0.1", 7701);
     vlm::host::addPluginLinkHealth(untouched, "not json", "127.0.0.1", 7700);
-    vlm::host::addPluginLinkHealth(untouched, R"({"instances":7})", "127.0.0.1", 7700);
     EXPECT_EQ(untouched.size(), 0u);
 
     static const std::string text = "{\"instances\":[]," + std::string(10000, ' ') + "}";
