@@ -1,7 +1,6 @@
 #pragma once
 
-// The host assembled in-process for a test: a real broker, a scripted micro
-// service, and the real plug-in library loaded from the configuration.
+// The host in-process: a real broker, a scripted service, the real plug-in.
 
 #include <memory>
 #include <string>
@@ -33,8 +32,7 @@ protected:
     }
 
     /// Starts the host: `http` adds members to "http", `plugins` replaces the
-    /// plug-in list (the pilot plug-in alone when empty), `extra` adds
-    /// top-level members (each ending in a comma).
+    /// plug-in list (else the pilot alone), `extra` adds top-level members.
     void startHost(const std::string& http = "", const std::string& plugins = "", const std::string& extra = "")
     {
         // The plug-in reads the broker keys from the host configuration itself.

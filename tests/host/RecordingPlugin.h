@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -32,20 +30,9 @@ public:
             std::lock_guard<std::mutex> lock(mutex);
             deliveries.push_back({message, std::this_thread::get_id()});
         }
-        changed.notify_all();
-        if (answer) {
-            const std::string reply = answer(message);
-            if (!reply.empty() && callback)
-                callback(reply);
-        }
-    }
-
-    /// Waits until `count` messages arrived; returns them all (maybe fewer on time-out).
-    std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5))
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait_for(lock, timeout, [&] { return deliveries.size() >= count; });
-        return deliveries;
+        const std::string reply = answer ? answer(message) : "";
+        if (!reply.empty() && callback)
+            callback(reply);
     }
 
     std::vector<Delivery> received()
@@ -54,12 +41,8 @@ public:
         return deliveries;
     }
 
-    /// Sends a message as this plug-in would.
-    void send(const std::string& text) { callback(text); }
-
 private:
     std::mutex mutex;  // guards deliveries
-    std::condition_variable changed;
     std::vector<Delivery> deliveries;
 };
 
