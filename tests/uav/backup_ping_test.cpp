@@ -47,20 +47,6 @@ TEST(ConfigBackup, CopiesTheFileBesideItselfOverAnOldBackupAndLogsAMissingSource
     EXPECT_FALSE(Poco::File(dir.file("absent-backup.json")).exists());
 }
 
-/// The error lines of a failed ping of `ip`: "ping failed: <reason>, ip: <ip>".
-std::vector<std::string> pingFailures(const LogCapture& log, const std::string& ip)
-{
-    const std::string head = "ping failed: ";
-    const std::string tail = ", ip: " + ip;
-    std::vector<std::string> reasons;
-    for (const auto& line : log.lines())
-        if (line.priority == Poco::Message::PRIO_ERROR && line.text.rfind(head, 0) == 0 &&
-            line.text.size() > head.size() + tail.size() &&
-            line.text.compare(line.text.size() - tail.size(), tail.size(), tail) == 0)
-            reasons.push_back(line.text.substr(head.size(), line.text.size() - head.size() - tail.size()));
-    return reasons;
-}
-
 TEST(PingHost, AnswersFromLoopbackAndFailsWithTheReasonWithoutRawSockets)
 {
     if (geteuid() != 0)
@@ -68,7 +54,7 @@ TEST(PingHost, AnswersFromLoopbackAndFailsWithTheReasonWithoutRawSockets)
     {
         LogCapture log;
         EXPECT_TRUE(vlm::pingHost("127.0.0.1"));
-        EXPECT_TRUE(pingFailures(log, "127.0.0.1").empty());
+        EXPECT_FALSE(log.contains("ping failed"));
     }
     // Capabilities belong to a thread: this one gives up raw sockets, so the
     // ping cannot even start and must say why.
@@ -83,9 +69,8 @@ TEST(PingHost, AnswersFromLoopbackAndFailsWithTheReasonWithoutRawSockets)
         answered = vlm::pingHost("127.0.0.1");
     }).join();
     EXPECT_FALSE(answered);
-    const auto reasons = pingFailures(log, "127.0.0.1");
-    ASSERT_EQ(reasons.size(), 1u) << "a ping that cannot start must say why, once";
-    EXPECT_EQ(reasons[0], "I/O error: " + std::to_string(EPERM));
+    EXPECT_EQ(log.errors("ping failed: I/O error: " + std::to_string(EPERM) + ", ip: 127.0.0.1"), 1);
+    EXPECT_EQ(log.lines().size(), 1u);
 }
 
 TEST(PingHost, AnIPv6AddressGetsNoIPv4AnswerAndNoError)
@@ -94,7 +79,7 @@ TEST(PingHost, AnIPv6AddressGetsNoIPv4AnswerAndNoError)
     // which is a silent false, not a failure to ping.
     LogCapture log;
     EXPECT_FALSE(vlm::pingHost("::1"));
-    EXPECT_TRUE(pingFailures(log, "::1").empty());
+    EXPECT_FALSE(log.contains("ping failed"));
 }
 
 /// Runs `body` on a thread of its own inside a network namespace made for it,
@@ -162,7 +147,7 @@ TEST(PingHost, ASilentHostIsGivenUpAfterTwoSeconds)
     EXPECT_FALSE(answered);
     // It waited for the reply rather than failing on the way out...
     EXPECT_GE(took, std::chrono::milliseconds(1900));
-    EXPECT_TRUE(pingFailures(log, "10.200.0.2").empty());
+    EXPECT_FALSE(log.contains("ping failed"));
     // ...and gave up at its own limit, with room for a loaded machine.
     EXPECT_LT(took, std::chrono::seconds(6));
 }
