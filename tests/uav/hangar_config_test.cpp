@@ -12,38 +12,28 @@ namespace {
 
 using vlm::test::TempDir;
 
-// The host configuration lives in a file of its own for each test, so whether
-// saveConfig ran shows in that file's content.
+// The host configuration lives in a file of its own, so whether saveConfig
+// ran shows in that file's content.
 class HangarConfigTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        hostFile = dir.write("host.json", R"({"station":{"comm_ip":"10.0.0.1","comm_port":2010}})");
-        vlm::loadConfig(hostFile);
-    }
+    void SetUp() override { vlm::loadConfig(dir.write("host.json", R"({"station":{"comm_ip":"10.0.0.1"}})")); }
     std::string hangar(const std::string& json) { return dir.write("hangarComConfig.json", json); }
 
     TempDir dir;
-    std::string hostFile;
 };
 
 TEST_F(HangarConfigTest, ChangedOrMissingHostKeysAreCopiedAndSavedAndEqualOnesSaveNothing)
 {
-    // The host file has no vehicle_type: writing it counts as a change.
-    vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.1","remotePort":"2010","uavType":"VT"})"));
-    const std::string saved = TempDir::read(hostFile);
-    EXPECT_NE(saved.find("\"VT\""), std::string::npos) << saved;
-
-    vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.9","remotePort":"2011","uavType":"VT"})"));
+    // Only comm_ip is in the host file, and equal: the two missing keys count as changes.
+    vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.1","remotePort":"2011","uavType":"VT"})"));
     auto& config = vlm::configInstance();
-    EXPECT_EQ(config.getString("station.comm_ip"), "10.0.0.9");
     EXPECT_EQ(config.getInt("station.comm_port"), 2011);
-    const std::string changed = TempDir::read(hostFile);
-    EXPECT_NE(changed.find("2011"), std::string::npos) << changed;
+    const std::string saved = TempDir::read(dir.file("host.json"));
+    EXPECT_TRUE(saved.find("2011") != std::string::npos && saved.find("\"VT\"") != std::string::npos) << saved;
 
     dir.write("host.json", "not rewritten");
-    vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.9","remotePort":"2011","uavType":"VT"})"));
-    EXPECT_EQ(TempDir::read(hostFile), "not rewritten");
+    vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.1","remotePort":"2011","uavType":"VT"})"));
+    EXPECT_EQ(TempDir::read(dir.file("host.json")), "not rewritten");
 }
 
 // The host answers its load-hangar action with the error lines the reader
@@ -61,6 +51,7 @@ TEST_F(HangarConfigTest, EachBadMemberOrFileIsReportedAndTheOtherMembersStillRun
         {R"({"remoteIp":"","uavType":""})", {"remoteIp is empty", "not exist remotePort", "uavType is empty"}},
         {R"({"remoteIp":"10.0.0.1","remotePort":"abc"})", {"invalid stoi argument"}},
         {R"({"remotePort":"99999999999"})", {"not exist remoteIp", "stoi argument out of range"}},
+        {R"({"remoteIp": )", {"JSON Exception: unexpected end of text"}},
         {nullptr, {"Source file does not exist: " + missing}},
     };
     for (const auto& c : cases) {
@@ -71,10 +62,6 @@ TEST_F(HangarConfigTest, EachBadMemberOrFileIsReportedAndTheOtherMembersStillRun
     EXPECT_EQ(vlm::configInstance().getString("vehicle.vehicle_type"), "NEW");
     // Neither another thread's lines nor those an inner capture took.
     EXPECT_TRUE(outer.lines().empty());
-
-    vlm::pclog::ErrorCapture malformed;
-    vlm::loadHangarConfig(hangar(R"({"remoteIp": )"));
-    EXPECT_EQ(malformed.lines().size(), 1u);
 }
 
 } // namespace
