@@ -56,13 +56,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return messages;
     }
-    std::vector<std::string> payloads()
-    {
-        std::vector<std::string> result;
-        for (const auto& message : all())
-            result.push_back(message.second);
-        return result;
-    }
 
 private:
     std::mutex mutex;  // guards messages
@@ -90,9 +83,8 @@ protected:
             gate->open();
     }
 
-    /// Connects a station with `adjust` applied and a peer at the same time:
-    /// the library notices a new connection only after polling the idle ones
-    /// (about a second each), so connects started together share one poll.
+    /// Connects a station with `adjust` applied and a peer, together: the
+    /// library notices a new connection only after polling the idle ones.
     void connect(const std::function<void(vlm::MqttClientOptions&)>& adjust = {})
     {
         auto options = optionsFor(broker);

@@ -1,12 +1,10 @@
 // The Paho-backed MQTT client against a real mosquitto broker started by the
 // test: which handlers get a message, a broker that comes late, goes away and
 // comes back, delivery threads that leave the link alone, the bounds on what
-// waits for a handler, and the guarantees of Unsubscribe and destruction.
+// waits for a handler, and a hung handler.
 
-#include <atomic>
 #include <future>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,11 +56,10 @@ TEST_F(MqttClientTest, EveryMatchingHandlerGetsEachMessageOnceEvenBesideAThrowin
 
     // Unsubscribing a filter removes all its handlers and leaves the others.
     EXPECT_TRUE(station->Unsubscribe(cmd));
-    EXPECT_FALSE(station->Unsubscribe(cmd));
     ASSERT_TRUE(peer->PublishMessage("dropped", topic, 1, 0, 2));
     ASSERT_TRUE(peer->PublishMessage("last", "/msg/pilot/P1/out", 1, 0, 2));
     ASSERT_TRUE(everything.waitForCount(2));
-    EXPECT_EQ(everything.payloads(), (std::vector<std::string>{"out", "last"}));
+    EXPECT_EQ(everything.all(), (Messages{{"/msg/pilot/P1/out", "out"}, {"/msg/pilot/P1/out", "last"}}));
     EXPECT_EQ(commands.all(), expected);
 }
 
@@ -100,13 +97,11 @@ TEST(MqttClientLink, AStationStartedBeforeItsBrokerLogsInLaterAndResubscribesAft
         ASSERT_TRUE(eventually([&] { return !station.isConnected(); }));
         EXPECT_FALSE(station.PublishMessage("lost", "/SN/cmd", 2, 0, 1));
     }
-    EXPECT_EQ(inbox.payloads(), (std::vector<std::string>{"round 1", "round 2"}));
+    EXPECT_EQ(inbox.all(), (Messages{{"/SN/cmd", "round 1"}, {"/SN/cmd", "round 2"}}));
 }
 
-// The bounds of what waits for a handler: a message above the size bound is
-// refused on arrival and takes no place in the queue; one that does not fit
-// in the queue's count or bytes is dropped. Each is counted and logged once
-// per burst.
+// A message above the size bound is refused on arrival and takes no place in
+// the queue; one that does not fit the queue's count or bytes is dropped.
 TEST_F(MqttClientTest, OversizeMessagesAndAFullQueueAreRefusedCountedAndLoggedOncePerBurst)
 {
     // Each queued message is 7 bytes of topic and 300 of payload.
@@ -150,33 +145,14 @@ TEST_F(MqttClientTest, OversizeMessagesAndAFullQueueAreRefusedCountedAndLoggedOn
     }
 }
 
-// The plug-in frees what its handlers use once Unsubscribe returns; a
-// station that shuts down must not wait for ever for a hung handler.
-TEST_F(MqttClientTest, UnsubscribeWaitsForTheRunningHandlerAndDestructionIsBoundedWhileOneHangs)
+// A station that shuts down must not wait for ever for a hung handler, and
+// while one hangs the acknowledgements the library's network thread
+// processes still come in.
+TEST_F(MqttClientTest, AHungHandlerHoldsUpNeitherTheLinkNorDestructionForLong)
 {
     connect([](vlm::MqttClientOptions& o) { o.operationTimeout = 500ms; });
     LogCapture log;
-    auto unsubscribing = newGate();
-    auto finished = std::make_shared<std::atomic<bool>>(false);
-    std::promise<void> entered;
-    ASSERT_TRUE(station->Subscribe(
-        [unsubscribing, finished, &entered](const std::string&, const std::string&) {
-            entered.set_value();
-            unsubscribing->wait();
-            // Still busy when Unsubscribe has begun to wait.
-            std::this_thread::sleep_for(200ms);
-            finished->store(true);
-        },
-        "/SN/first", 0));
-    ASSERT_TRUE(peer->PublishMessage("x", "/SN/first", 1, 0, 2));
-    ASSERT_EQ(entered.get_future().wait_for(hostTestBound), std::future_status::ready);
-    unsubscribing->open();
-    EXPECT_TRUE(station->Unsubscribe("/SN/first"));
-    EXPECT_TRUE(finished->load());
-
     holdHandlerAt(newGate());
-    // While a handler hangs, the acknowledgements the library's network thread
-    // processes still come in.
     EXPECT_TRUE(station->PublishMessage("ack needed", "/SN/other", 2, 0, 5));
     auto destroyed = std::async(std::launch::async, [&] { station.reset(); });
     ASSERT_EQ(destroyed.wait_for(hostTestBound), std::future_status::ready);

@@ -11,7 +11,7 @@ public:
     const char* storedAddressData() const { return address.data(); }
 };
 
-TEST(PluginBase, SetAddressTakesTheCallersBufferAndStartSetsAddressAndPort)
+TEST(PluginBase, SetAddressTakesTheCallersBufferInsteadOfACopy)
 {
     // The plug-in holds the very buffer the caller moved in (too long to be
     // stored inline), not a copy. An emptied argument would prove nothing:
@@ -23,10 +23,6 @@ TEST(PluginBase, SetAddressTakesTheCallersBufferAndStartSetsAddressAndPort)
     plugin.setAddress(std::move(address));
     EXPECT_EQ(plugin.getAddress(), expected);
     EXPECT_EQ(plugin.storedAddressData(), buffer);
-
-    plugin.start(nullptr, nullptr, "::1", 7001);
-    EXPECT_EQ(plugin.getAddress(), "::1");
-    EXPECT_EQ(plugin.getPort(), 7001);
 }
 
 } // namespace

@@ -26,8 +26,7 @@ TEST_F(HangarConfigTest, ChangedOrMissingHostKeysAreCopiedAndSavedAndEqualOnesSa
 {
     // Only comm_ip is in the host file, and equal: the two missing keys count as changes.
     vlm::loadHangarConfig(hangar(R"({"remoteIp":"10.0.0.1","remotePort":"2011","uavType":"VT"})"));
-    auto& config = vlm::configInstance();
-    EXPECT_EQ(config.getInt("station.comm_port"), 2011);
+    EXPECT_EQ(vlm::configInstance().getInt("station.comm_port"), 2011);
     const std::string saved = TempDir::read(dir.file("host.json"));
     EXPECT_TRUE(saved.find("2011") != std::string::npos && saved.find("\"VT\"") != std::string::npos) << saved;
 
