@@ -24,24 +24,13 @@ namespace vlm::test {
 /// A gate a handler waits at until the test opens it (bounded).
 class Gate {
 public:
-    void open()
-    {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            opened = true;
-        }
-        changed.notify_all();
-    }
-    bool wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, hostTestBound, [&] { return opened; });
-    }
+    void open() { std::call_once(once, [this] { opener.set_value(); }); }
+    bool wait() { return opened.wait_for(hostTestBound) == std::future_status::ready; }
 
 private:
-    std::mutex mutex;  // guards opened
-    std::condition_variable changed;
-    bool opened = false;
+    std::once_flag once;
+    std::promise<void> opener;
+    std::shared_future<void> opened = opener.get_future().share();
 };
 
 /// Messages one handler received, in order.
@@ -67,14 +56,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return messages;
     }
-    std::vector<std::string> payloads()
-    {
-        std::vector<std::string> result;
-        for (const auto& message : all())
-            result.push_back(message.second);
-        return result;
-    }
-    std::size_t size() { return all().size(); }
 
 private:
     std::mutex mutex;  // guards messages
@@ -96,19 +77,14 @@ inline vlm::MqttClientOptions optionsFor(const MosquittoBroker& broker)
 class MqttPeersTest : public ::testing::Test {
 protected:
     void SetUp() override { broker.start(); }
-
     void TearDown() override
     {
         for (auto& gate : gates)
             gate->open();
-        station.reset();
-        peer.reset();
     }
 
-    /// Connects a station with `adjust` applied and a peer, at the same time:
-    /// the library serves every client from one network thread that notices a
-    /// new connection only after polling the idle ones (about a second each),
-    /// so connects started together share one poll.
+    /// Connects a station with `adjust` applied and a peer, together: the
+    /// library notices a new connection only after polling the idle ones.
     void connect(const std::function<void(vlm::MqttClientOptions&)>& adjust = {})
     {
         auto options = optionsFor(broker);
@@ -117,15 +93,12 @@ protected:
         station = std::make_unique<vlm::PahoMqttClient>(options);
         peer = std::make_unique<vlm::PahoMqttClient>(optionsFor(broker));
         auto a = std::async(std::launch::async, [&] { return station->connect(); });
-        auto b = std::async(std::launch::async, [&] { return peer->connect(); });
-        const bool up = a.get();
-        ASSERT_TRUE(b.get() && up) << broker.output();
+        ASSERT_TRUE(peer->connect() && a.get()) << broker.output();
     }
 
     /// An inbox that outlives both clients.
     Inbox& newInbox() { return inboxes.emplace_back(); }
-
-    /// A gate that is opened at the latest when the test ends.
+    /// A gate that is opened at the latest when the test ends, before the clients go.
     std::shared_ptr<Gate> newGate() { return gates.emplace_back(std::make_shared<Gate>()); }
 
     /// Subscribes a station handler on `topic` that waits at `gate`; returns
@@ -147,7 +120,7 @@ protected:
     MosquittoBroker broker;
     std::deque<Inbox> inboxes;
     std::vector<std::shared_ptr<Gate>> gates;
-    std::unique_ptr<vlm::PahoMqttClient> station;
+    std::unique_ptr<vlm::PahoMqttClient> station;  // declared after the inboxes: goes first
     std::unique_ptr<vlm::PahoMqttClient> peer;
 };
 

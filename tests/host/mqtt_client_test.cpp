@@ -1,6 +1,7 @@
 // The Paho-backed MQTT client against a real mosquitto broker started by the
-// test: delivery, publishing, a broker that goes away and comes back, and
-// credentials.
+// test: which handlers get a message, a broker that comes late, goes away and
+// comes back, delivery threads that leave the link alone, the bounds on what
+// waits for a handler, and a hung handler.
 
 #include <future>
 #include <string>
@@ -12,219 +13,150 @@
 namespace {
 
 using namespace std::chrono_literals;
+using vlm::test::eventually;
 using vlm::test::hostTestBound;
 using vlm::test::Inbox;
+using vlm::test::linesWith;
+using vlm::test::LogCapture;
 using vlm::test::MosquittoBroker;
-using vlm::test::optionsFor;
+using Messages = std::vector<std::pair<std::string, std::string>>;
 
 using MqttClientTest = vlm::test::MqttPeersTest;
 
-TEST_F(MqttClientTest, DeliversEachMessageExactlyOnceToEveryHandlerWhoseFilterMatches)
+TEST_F(MqttClientTest, EveryMatchingHandlerGetsEachMessageOnceEvenBesideAThrowingOne)
 {
     connect();
+    LogCapture log;
     Inbox& commands = newInbox();
     Inbox& commandsToo = newInbox();
     Inbox& everything = newInbox();
-    ASSERT_TRUE(station->Subscribe(commands.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(commandsToo.handler(), "/velmora/pilot/+/SN-TEST-1/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(everything.handler(), "/msg/#", 0));
-
-    ASSERT_TRUE(peer->PublishMessage("{\"api\":\"getConfig\"}", "/velmora/pilot/G1/SN-TEST-1/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("two", "/velmora/pilot/G1/SN-TEST-1/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("out", "/msg/pilot/P1/out", 1, 0, 2));
-    ASSERT_TRUE(everything.waitForCount(1));
-    ASSERT_TRUE(commands.waitForCount(2));
-    ASSERT_TRUE(commandsToo.waitForCount(2));
-
-    const auto got = commands.all();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].first, "/velmora/pilot/G1/SN-TEST-1/cmd");
-    EXPECT_EQ(got[0].second, "{\"api\":\"getConfig\"}");
-    EXPECT_EQ(commandsToo.size(), 2u);
-    EXPECT_EQ(everything.all(), (std::vector<std::pair<std::string, std::string>>{{"/msg/pilot/P1/out", "out"}}));
-    EXPECT_EQ(station->getstation(), "SN-TEST-1");
-}
-
-TEST_F(MqttClientTest, PublishesPayloadsByteForByteWithTheRequestedRetainFlag)
-{
-    connect();
-    const std::string binary("a\0b\xff", 4);
-    ASSERT_TRUE(peer->PublishMessage(binary, "/station/retained", 2, 1, 2));
-
-    // Subscribing after the publication still gets the retained message.
-    Inbox& inbox = newInbox();
-    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/station/retained", 1));
-    ASSERT_TRUE(inbox.waitForCount(1));
-    EXPECT_EQ(inbox.all()[0].second, binary);
-}
-
-TEST_F(MqttClientTest, PublishingFromInsideAHandlerDoesNotWaitForTheAcknowledgement)
-{
-    connect();
-    // The plug-in answers a command from within the command's handler with a
-    // QoS 2 publish that asks to wait a second; the acknowledgement can only be
-    // processed once the handler has returned.
-    std::promise<bool> publishResult;
-    ASSERT_TRUE(station->Subscribe(
-        [&](const std::string&, const std::string& payload) {
-            publishResult.set_value(station->PublishMessage("answer to " + payload, "/ground/answer", 2, 0, 1));
-        },
-        "/station/cmd", 0));
-    Inbox& answers = newInbox();
-    ASSERT_TRUE(peer->Subscribe(answers.handler(), "/ground/answer", 2));
-
-    ASSERT_TRUE(peer->PublishMessage("ping", "/station/cmd", 0, 0, 0));
-    auto result = publishResult.get_future();
-    ASSERT_EQ(result.wait_for(hostTestBound), std::future_status::ready);
-    EXPECT_TRUE(result.get());
-    ASSERT_TRUE(answers.waitForCount(1));
-    EXPECT_EQ(answers.all()[0].second, "answer to ping");
-    // The handler refers to this test's promise: no later delivery may run it.
-    EXPECT_TRUE(station->Unsubscribe("/station/cmd"));
-}
-
-TEST_F(MqttClientTest, UnsubscribeRemovesEveryHandlerOfTheTopicOnly)
-{
-    connect();
-    Inbox& removedA = newInbox();
-    Inbox& removedB = newInbox();
-    Inbox& kept = newInbox();
-    ASSERT_TRUE(station->Subscribe(removedA.handler(), "/SN/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(removedB.handler(), "/SN/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(kept.handler(), "/SN/telemetry", 0));
-
-    EXPECT_TRUE(station->Unsubscribe("/SN/cmd"));
-    EXPECT_FALSE(station->Unsubscribe("/SN/cmd"));
-    EXPECT_FALSE(station->Unsubscribe("/SN/never"));
-
-    ASSERT_TRUE(peer->PublishMessage("dropped", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("kept", "/SN/telemetry", 1, 0, 2));
-    ASSERT_TRUE(kept.waitForCount(1));
-    EXPECT_EQ(removedA.size(), 0u);
-    EXPECT_EQ(removedB.size(), 0u);
-}
-
-TEST_F(MqttClientTest, AThrowingHandlerIsLoggedAndTheOthersStillRun)
-{
-    connect();
-    vlm::test::LogCapture log;
-    Inbox& after = newInbox();
+    const std::string cmd = "/velmora/pilot/+/SN-TEST-1/cmd";
+    const std::string topic = "/velmora/pilot/G1/SN-TEST-1/cmd";
     ASSERT_TRUE(station->Subscribe([](const std::string&, const std::string&) { throw std::runtime_error("bad json"); },
-                                   "/SN/cmd", 0));
-    ASSERT_TRUE(station->Subscribe(after.handler(), "/SN/cmd", 0));
-    ASSERT_TRUE(peer->PublishMessage("x", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(peer->PublishMessage("y", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(after.waitForCount(2));
-    EXPECT_TRUE(log.contains("bad json"));
+                                   cmd, 0));
+    ASSERT_TRUE(station->Subscribe(commands.handler(), cmd, 0));
+    ASSERT_TRUE(station->Subscribe(commandsToo.handler(), cmd, 0));
+    ASSERT_TRUE(station->Subscribe(everything.handler(), "/msg/#", 0));
+    // A filter the broker would refuse never reaches the library.
+    EXPECT_FALSE(station->Subscribe(everything.handler(), "/msg/#/x", 0));
+    EXPECT_EQ(log.errors("mqtt subscribe refused: topic \"/msg/#/x\", qos 0"), 1);
+
+    // One topic is served by one delivery thread: its messages keep their order.
+    Messages expected{{topic, std::string("a\0b\xff", 4)}};
+    for (int i = 1; i < 30; ++i)
+        expected.emplace_back(topic, std::to_string(i));
+    for (const auto& message : expected)
+        ASSERT_TRUE(peer->PublishMessage(message.second, topic, 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("out", "/msg/pilot/P1/out", 1, 0, 2));
+    ASSERT_TRUE(commands.waitForCount(30));
+    ASSERT_TRUE(commandsToo.waitForCount(30));
+    EXPECT_EQ(commands.all(), expected);
+    EXPECT_EQ(commandsToo.all(), expected);
+    EXPECT_EQ(log.errors("mqtt handler for topic " + topic + " threw: bad json"), 30);
+
+    // Unsubscribing a filter removes all its handlers and leaves the others.
+    EXPECT_TRUE(station->Unsubscribe(cmd));
+    ASSERT_TRUE(peer->PublishMessage("dropped", topic, 1, 0, 2));
+    ASSERT_TRUE(peer->PublishMessage("last", "/msg/pilot/P1/out", 1, 0, 2));
+    ASSERT_TRUE(everything.waitForCount(2));
+    EXPECT_EQ(everything.all(), (Messages{{"/msg/pilot/P1/out", "out"}, {"/msg/pilot/P1/out", "last"}}));
+    EXPECT_EQ(commands.all(), expected);
 }
 
-TEST_F(MqttClientTest, RefusesInvalidFiltersTopicsAndQos)
-{
-    connect();
-    Inbox& inbox = newInbox();
-    EXPECT_FALSE(station->Subscribe(inbox.handler(), "a/#/b", 0));
-    EXPECT_FALSE(station->Subscribe(inbox.handler(), "", 0));
-    EXPECT_FALSE(station->Subscribe(inbox.handler(), "a", 3));
-    EXPECT_FALSE(station->Subscribe(nullptr, "a", 0));
-    EXPECT_FALSE(station->PublishMessage("x", "a/+", 0, 0, 0));
-    EXPECT_FALSE(station->PublishMessage("x", "a", -1, 0, 0));
-    EXPECT_TRUE(station->isConnected());
-}
-
-TEST_F(MqttClientTest, PublishReturnsFalseWhileTheBrokerIsDownAndSubscriptionsReturnWithIt)
-{
-    connect();
-    Inbox& inbox = newInbox();
-    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
-    ASSERT_TRUE(peer->PublishMessage("before", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(inbox.waitForCount(1));
-
-    broker.stop();
-    ASSERT_TRUE(vlm::test::eventually([&] { return !station->isConnected() && !peer->isConnected(); }));
-    EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 2, 0, 1));
-    EXPECT_FALSE(station->PublishMessage("lost", "/SN/cmd", 0, 0, 0));
-
-    // Same port, fresh broker that knows no subscription: both clients come
-    // back and the station's subscription is restored without any call.
-    broker.start();
-    ASSERT_TRUE(station->waitUntilReady(hostTestBound));
-    ASSERT_TRUE(peer->waitUntilReady(hostTestBound));
-    ASSERT_TRUE(peer->PublishMessage("after", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(inbox.waitForCount(2));
-    EXPECT_EQ(inbox.all()[1].second, "after");
-}
-
-TEST_F(MqttClientTest, AfterDisconnectNothingIsPublishedAndConnectRestoresTheSubscriptions)
-{
-    connect();
-    Inbox& inbox = newInbox();
-    ASSERT_TRUE(station->Subscribe(inbox.handler(), "/SN/cmd", 1));
-    station->disconnect();
-    EXPECT_FALSE(station->isConnected());
-    EXPECT_FALSE(station->PublishMessage("x", "/SN/cmd", 1, 0, 1));
-
-    ASSERT_TRUE(station->connect());
-    ASSERT_TRUE(peer->PublishMessage("again", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(inbox.waitForCount(1));
-    EXPECT_EQ(inbox.all()[0].second, "again");
-
-    // Destruction does not wait for a broker that has gone away.
-    broker.stop();
-    auto done = std::async(std::launch::async, [&] { station.reset(); });
-    ASSERT_EQ(done.wait_for(hostTestBound), std::future_status::ready);
-}
-
-TEST(MqttClientStart, ConnectGivesUpInTimeWhenNoBrokerRunsAndTheLinkComesUpLater)
-{
-    MosquittoBroker broker;
-    Inbox inbox;
-    vlm::PahoMqttClient station(optionsFor(broker));
-    ASSERT_TRUE(station.Subscribe(inbox.handler(), "/SN/cmd", 0));
-    EXPECT_FALSE(station.PublishMessage("x", "/SN/cmd", 0, 0, 0));
-
-    auto attempt = std::async(std::launch::async, [&] { return station.connect(); });
-    ASSERT_EQ(attempt.wait_for(hostTestBound), std::future_status::ready);
-    EXPECT_FALSE(attempt.get());
-    EXPECT_FALSE(station.isConnected());
-
-    broker.start();
-    ASSERT_TRUE(station.waitUntilReady(hostTestBound));
-    vlm::PahoMqttClient peer(optionsFor(broker));
-    ASSERT_TRUE(peer.connect());
-    ASSERT_TRUE(peer.PublishMessage("late", "/SN/cmd", 1, 0, 2));
-    ASSERT_TRUE(inbox.waitForCount(1));
-}
-
-TEST(MqttClientCredentials, TheBrokerLetsInTheRightUserAndRefusesOthers)
+TEST(MqttClientLink, AStationStartedBeforeItsBrokerLogsInLaterAndResubscribesAfterEachLoss)
 {
     MosquittoBroker::Options login;
     login.userName = "hangarInside";
     login.password = "tepid@brkr";
     MosquittoBroker broker(login);
-    broker.start();
-    auto options = optionsFor(broker);
+    const auto options = [&] {
+        auto o = vlm::test::optionsFor(broker);
+        o.userName = login.userName;
+        o.password = login.password;
+        return o;
+    };
+    LogCapture log;
+    Inbox inbox;
+    vlm::PahoMqttClient station(options());
+    ASSERT_TRUE(station.Subscribe(inbox.handler(), "/SN/cmd", 1));
+    auto attempt = std::async(std::launch::async, [&] { return station.connect(); });
+    ASSERT_EQ(attempt.wait_for(hostTestBound), std::future_status::ready);
+    EXPECT_FALSE(attempt.get());
+    EXPECT_EQ(linesWith(log, "mqtt connect to tcp://" + broker.hostPort() + " failed: "), 1);
 
-    vlm::test::LogCapture log;
-    options.userName = "hangarInside";
-    options.password = "tepid@brkr";
-    vlm::PahoMqttClient right(options);
-    options.password = "tepid919";
-    vlm::PahoMqttClient wrong(options);
-    options.userName.clear();
-    options.password.clear();
-    vlm::PahoMqttClient anonymous(options);
+    // Each time a fresh broker that knows no subscription comes up on the
+    // same port, the station's subscription returns without any call.
+    for (int round = 1; round <= 2; ++round) {
+        broker.start();
+        ASSERT_TRUE(station.waitUntilReady(hostTestBound));
+        vlm::PahoMqttClient peer(options());
+        ASSERT_TRUE(peer.connect());
+        ASSERT_TRUE(peer.PublishMessage("round " + std::to_string(round), "/SN/cmd", 1, 0, 2));
+        ASSERT_TRUE(inbox.waitForCount(round));
+        broker.stop();
+        ASSERT_TRUE(eventually([&] { return !station.isConnected(); }));
+        EXPECT_FALSE(station.PublishMessage("lost", "/SN/cmd", 2, 0, 1));
+    }
+    EXPECT_EQ(inbox.all(), (Messages{{"/SN/cmd", "round 1"}, {"/SN/cmd", "round 2"}}));
+}
 
-    auto rightUp = std::async(std::launch::async, [&] { return right.connect(); });
-    auto wrongUp = std::async(std::launch::async, [&] { return wrong.connect(); });
-    auto anonymousUp = std::async(std::launch::async, [&] { return anonymous.connect(); });
-    EXPECT_TRUE(rightUp.get()) << broker.output();
-    EXPECT_FALSE(wrongUp.get());
-    EXPECT_FALSE(anonymousUp.get());
+// A message above the size bound is refused on arrival and takes no place in
+// the queue; one that does not fit the queue's count or bytes is dropped.
+TEST_F(MqttClientTest, OversizeMessagesAndAFullQueueAreRefusedCountedAndLoggedOncePerBurst)
+{
+    // Each queued message is 7 bytes of topic and 300 of payload.
+    struct Case {
+        std::size_t messages, bytes, published, queued;
+        const char* logged;
+    } const cases[] = {
+        {5, 16777216, 20, 5, "(5 messages, 16777216 bytes at most)"},
+        {1000, 1000, 6, 3, "(1000 messages, 1000 bytes at most)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged);
+        connect([&](vlm::MqttClientOptions& o) {
+            o.maxPayloadBytes = 1000;
+            o.deliveryThreads = 1;
+            o.deliveryQueueMessages = c.messages;
+            o.deliveryQueueBytes = c.bytes;
+        });
+        LogCapture log;
+        auto gate = newGate();
+        holdHandlerAt(gate);
+        for (int i = 0; i < 2; ++i)
+            ASSERT_TRUE(peer->PublishMessage(std::string(1001, 'b'), "/SN/cmd", 1, 0, 2));
+        for (std::size_t i = 0; i < c.published; ++i)
+            ASSERT_TRUE(peer->PublishMessage(std::string(300, 'x'), "/SN/cmd", 1, 0, 2));
+        const auto drops = c.published - c.queued;
+        ASSERT_TRUE(eventually([&] { return station->counters().queueDrops == drops; }));
+        EXPECT_EQ(station->counters().oversizeRefused, 2u);
+        EXPECT_EQ(station->counters().queueDepth, c.queued);
+        EXPECT_EQ(station->counters().queueBytes, c.queued * 307);
+        EXPECT_EQ(log.errors("mqtt message on /SN/cmd refused: 1001 bytes, above mqtt.max_payload_bytes (1000); 1 "
+                             "refused in this burst, 1 in all"),
+                  1);
+        EXPECT_EQ(log.errors(std::string("mqtt delivery queue full ") + c.logged +
+                             ": dropped a message of 307 bytes on /SN/cmd; 1 dropped in this burst, 1 in all"),
+                  1);
+        EXPECT_EQ(linesWith(log, "mqtt "), 2);
+        gate->open();
+        ASSERT_TRUE(eventually([&] { return station->counters().delivered == c.queued + 1; }));
+        EXPECT_EQ(station->counters().queueBytes, 0u);
+    }
+}
 
-    EXPECT_TRUE(right.isConnected());
-    EXPECT_FALSE(wrong.isConnected());
-    EXPECT_FALSE(wrong.PublishMessage("x", "/a", 0, 0, 0));
-    EXPECT_TRUE(log.contains("mqtt connect to tcp://" + broker.hostPort() + " failed"));
+// A station that shuts down must not wait for ever for a hung handler, and
+// while one hangs the acknowledgements the library's network thread
+// processes still come in.
+TEST_F(MqttClientTest, AHungHandlerHoldsUpNeitherTheLinkNorDestructionForLong)
+{
+    connect([](vlm::MqttClientOptions& o) { o.operationTimeout = 500ms; });
+    LogCapture log;
+    holdHandlerAt(newGate());
+    EXPECT_TRUE(station->PublishMessage("ack needed", "/SN/other", 2, 0, 5));
+    auto destroyed = std::async(std::launch::async, [&] { station.reset(); });
+    ASSERT_EQ(destroyed.wait_for(hostTestBound), std::future_status::ready);
+    EXPECT_EQ(log.errors("mqtt handler still running 500 ms after close; left to finish on its own"), 1);
 }
 
 } // namespace
