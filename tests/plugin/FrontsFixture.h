@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -61,14 +62,12 @@ public:
         ASSERT_TRUE(client.PublishMessage(payload, topic, 0, 0, waitSeconds));
     }
 
-    /// How many received messages match.
     int count(const Match& match)
     {
         std::lock_guard<std::mutex> lock(mutex);
         return countLocked(match);
     }
 
-    /// Waits until `n` received messages match, or the time is up.
     bool waitFor(const Match& match, int n = 1, std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -81,24 +80,23 @@ public:
     std::string answerText(const std::string& topic, const std::string& msgId,
                            std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
-        std::unique_lock<std::mutex> lock(mutex);
         std::string found;
-        arrived.wait_for(lock, limit, [&] {
-            for (const auto& [t, payload] : received) {
+        waitFor(
+            [&](const std::string& t, const std::string& payload) {
                 if (t != topic || payload.size() > (1u << 20))
-                    continue;
+                    return false;
                 try {
                     auto json = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
-                    if (json->optValue<std::string>("type", "") == "response" &&
-                        json->optValue<std::string>("msgId", "") == msgId) {
-                        found = payload;
-                        return true;
-                    }
+                    if (json->optValue<std::string>("type", "") != "response" ||
+                        json->optValue<std::string>("msgId", "") != msgId)
+                        return false;
                 } catch (...) {
+                    return false;
                 }
-            }
-            return false;
-        });
+                found = found.empty() ? payload : found;
+                return true;
+            },
+            1, limit);
         return found;
     }
 
@@ -106,18 +104,14 @@ public:
                                      std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
         const std::string text = answerText(topic, msgId, limit);
-        if (text.empty())
-            return nullptr;
-        return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+        return text.empty() ? nullptr : Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
     }
 
 private:
     int countLocked(const Match& match)
     {
-        int n = 0;
-        for (const auto& [topic, payload] : received)
-            n += match(topic, payload) ? 1 : 0;
-        return n;
+        return static_cast<int>(std::count_if(received.begin(), received.end(),
+                                              [&](const auto& m) { return match(m.first, m.second); }));
     }
 
     std::mutex mutex;  // guards received
@@ -134,9 +128,8 @@ protected:
     void SetUp() override
     {
         broker.start();
-        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
-        vlm::configInstance().setString("mqtt.user_name", "");
-        vlm::configInstance().setString("mqtt.pawsswd", "");
+        for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"})
+            vlm::configInstance().setString(key, key == std::string("mqtt.server_uri") ? broker.hostPort() : "");
         server->start();
         mqtt = std::make_shared<PahoMqttClient>(stationClientOptions());
         ASSERT_TRUE(mqtt->connect());
@@ -168,8 +161,7 @@ protected:
     /// Options of the station's MQTT client, which the plug-in is given.
     virtual MqttClientOptions stationClientOptions()
     {
-        MqttClientOptions options;
-        options.serverUri = broker.hostPort();
+        MqttClientOptions options = groundOptions();
         options.stationSerial = "station-1";
         options.reconnectMinDelay = std::chrono::milliseconds(200);
         return options;
