@@ -28,11 +28,9 @@ template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(5))
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return true;
 }
 
@@ -81,18 +79,12 @@ public:
                            std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
         std::string found;
+        const std::string id = R"("msgId":")" + msgId + '"';
         waitFor(
             [&](const std::string& t, const std::string& payload) {
-                if (t != topic || payload.size() > (1u << 20))
+                if (t != topic || payload.size() > (1u << 20) || payload.find(id) == std::string::npos ||
+                    payload.find(R"("type":"response")") == std::string::npos)
                     return false;
-                try {
-                    auto json = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
-                    if (json->optValue<std::string>("type", "") != "response" ||
-                        json->optValue<std::string>("msgId", "") != msgId)
-                        return false;
-                } catch (...) {
-                    return false;
-                }
                 found = found.empty() ? payload : found;
                 return true;
             },

@@ -54,8 +54,6 @@ public:
     // The handlers use the members declared after `service`, which go first:
     // the service's thread has to end before they do.
     ~ScriptedService() { service.stop(); }
-    ScriptedService(const ScriptedService&) = delete;
-    ScriptedService& operator=(const ScriptedService&) = delete;
 
     /// The answer a real service gives: the request's api and msgId, swapped
     /// addresses, code 200.
@@ -113,15 +111,10 @@ private:
     {
         std::vector<std::string> texts;
         for (uint32_t i = 0; args.type == msgpack::type::ARRAY && i < args.via.array.size; ++i) {
-            const auto& arg = args.via.array.ptr[i];
-            std::ostringstream out;
-            if (arg.type == msgpack::type::STR)
-                out << arg.as<std::string>();
-            else if (arg.type == msgpack::type::BOOLEAN)
-                out << (arg.as<bool>() ? "true" : "false");
-            else
-                out << arg;
-            texts.push_back(out.str());
+            std::ostringstream out;  // strings without the quotes msgpack prints around them
+            out << args.via.array.ptr[i];
+            texts.push_back(args.via.array.ptr[i].type == msgpack::type::STR ? args.via.array.ptr[i].as<std::string>()
+                                                                             : out.str());
         }
         {
             std::lock_guard<std::mutex> lock(mutex);

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <map>
-#include <regex>
 #include <set>
 
 #include "PluginFixture.h"
 #include "ScriptedService.h"
+#include "http/HttpApiServer.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -26,13 +26,14 @@ protected:
         plugin->stop();
         PluginFixture::TearDown();
     }
-    void start() { plugin->start(nullptr, mqtt, "127.0.0.1", service.port); }
-    // A fresh plug-in and MQTT recorder, started against the same service.
+    void start() { plugin->start(server, mqtt, "127.0.0.1", service.port); }
+    // A fresh plug-in, HTTP server and MQTT recorder, started against the same service.
     void restart()
     {
         plugin->stop();
         plugin = vlm::PilotControlP::createInstance();
         mqtt = std::make_shared<vlm::test::RecordingMqttClient>("station-1");
+        server = std::make_shared<vlm::HttpApiServer>();
         start();
     }
     // The subscriptions the service holds on a connection it accepted after `known`.
@@ -44,6 +45,7 @@ protected:
         return {};
     }
     vlm::test::ScriptedService service;
+    std::shared_ptr<vlm::HttpApiServer> server = std::make_shared<vlm::HttpApiServer>();
 };
 
 std::string commandTopic(const std::string& id, const char* kind = "pilot")
@@ -61,8 +63,6 @@ TEST_F(StartedPlugin, StartReadsTheSettingsAnnouncesItselfAndSubscribesInRegistr
                             "getIntConfig(station.app_type)", "getStringConfig(vehicle.pilot_id)",
                             "getBoolConfig(vehicle.six_axis_ar_seat)", "getIntConfig(station.link_type)",
                             "pilotControlBase(station-1,setSelfGuid)", "reportRPCSub(true)"}));
-    EXPECT_EQ(state().getPilotId(), "UAV-1");
-
     std::vector<std::string> expected{
         "heartBeat", "pushTelemetry", "updateProgress", "getVersionInfo", "getRunInfo", "getBinInfo", "softUpload",
         "softUpdateStatus", "getUpdateProgress", "updateMagneticCompassCali", "uploadRouteMission", "pilotConnect",
@@ -83,119 +83,70 @@ TEST_F(StartedPlugin, StartReadsTheSettingsAnnouncesItselfAndSubscribesInRegistr
     EXPECT_EQ(subscribedTopics(before), expected);
 }
 
-// Seat and app type choose the MQTT command topics, and the destructor
-// unsubscribes the first of them.
+// Seat, app type and ids choose the MQTT command topics, and the destructor
+// unsubscribes the first. Equal station and pilot ids subscribe one topic
+// twice, each subscription with its own side's routing. With the seat the
+// station serves no HTTP API at all; without it, every API below 307.
 TEST_F(StartedPlugin, SeatAndAppTypeChooseTheCommandTopicsTheDestructorReleases)
 {
     const std::string alternate = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025A84F27DE4/station-1/cmd";
     const std::string seatTopic = "/station-1/pushTelemetry";
-    const std::vector<std::string> pilotTopics{commandTopic("UAV-1"), commandTopic("UAV-1", "payload")};
-    struct Case {
-        bool seat;
-        int appType;
-        std::vector<std::string> topics;
-    };
-    const Case cases[] = {{false, 0, {commandTopic("station-1"), pilotTopics[0], pilotTopics[1]}},
-                          {false, 2, {alternate}},
-                          {true, 0, {seatTopic, pilotTopics[0], pilotTopics[1]}},
-                          {true, 1, {seatTopic}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.seat) + " " + std::to_string(c.appType));
-        service.boolSettings["vehicle.six_axis_ar_seat"] = c.seat;
-        service.intSettings["station.app_type"] = c.appType;
+    const std::string station = commandTopic("station-1"), pilot = commandTopic("UAV-1");
+    const std::string payload = commandTopic("UAV-1", "payload");
+    const std::tuple<bool, int, std::string, std::vector<std::string>> cases[] = {
+        {false, 0, "UAV-1", {station, pilot, payload}},   {false, 2, "UAV-1", {alternate}},
+        {true, 0, "UAV-1", {seatTopic, pilot, payload}},  {true, 1, "UAV-1", {seatTopic}},
+        {false, 0, "station-1", {station, station, commandTopic("station-1", "payload")}}};
+    for (const auto& [seat, appType, pilotId, topics] : cases) {
+        SCOPED_TRACE(std::to_string(seat) + " " + std::to_string(appType) + " " + pilotId);
+        service.boolSettings["vehicle.six_axis_ar_seat"] = seat;
+        service.intSettings["station.app_type"] = appType;
+        service.stringSettings["vehicle.pilot_id"] = pilotId;
         restart();
-        EXPECT_EQ(mqtt->subscribedTopics(), c.topics);
-        EXPECT_EQ(state().localMqtt, c.appType == 0);
+        EXPECT_EQ(mqtt->subscribedTopics(), topics);
+        EXPECT_EQ(state().localMqtt, appType == 0);
+        const auto paths = server->routePaths();
+        EXPECT_EQ(std::count_if(paths.begin(), paths.end(),
+                                [](const std::string& p) { return p.rfind("/index/api/pilot/", 0) == 0; }),
+                  seat ? 0 : 285);
+        if (pilotId == "station-1") {
+            mqtt->deliver(station, R"({"api":"getConfig","type":"request","msgId":"twice"})");
+            ASSERT_TRUE(service.waitForCalls("telementry", 1));
+            EXPECT_EQ(service.callsOf("telementry")[0].args[1], "getConfig");
+            ASSERT_TRUE(service.waitForCalls("pilotControlBase", std::size(cases) + 1));  // and the cloud side's
+            EXPECT_EQ(service.callsOf("pilotControlBase").back().args[1], "publishToGround");
+        }
         plugin->stop();
         LogCapture log;
         plugin = vlm::PilotControlP::createInstance();  // the started one goes
-        EXPECT_EQ(mqtt->unsubscribedTopics(), std::vector<std::string>{c.topics[0]});
-        EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + c.topics[0]), 1);
+        EXPECT_EQ(mqtt->unsubscribedTopics(), std::vector<std::string>{topics[0]});
+        EXPECT_EQ(log.infos("mqtt unsubscribe topic: " + topics[0]), 1);
     }
 }
 
-// Both subscriptions of the shared topic stay, each with its own side's routing.
-TEST_F(StartedPlugin, AStationIdEqualToThePilotIdSubscribesOneTopicTwice)
+// Start goes on past every failure to reach the service, and says so.
+TEST_F(StartedPlugin, FailuresToReachTheServiceAreLoggedAndStartGoesOn)
 {
-    service.stringSettings["vehicle.pilot_id"] = "station-1";
-    start();
-    const std::string topic = commandTopic("station-1");
-    EXPECT_EQ(mqtt->subscribedTopics(), (std::vector<std::string>{topic, topic, commandTopic("station-1", "payload")}));
-    mqtt->deliver(topic, R"({"api":"getConfig","type":"request","msgId":"twice"})");
-    ASSERT_TRUE(service.waitForCalls("telementry", 1));
-    ASSERT_TRUE(service.waitForCalls("pilotControlBase", 2));  // setSelfGuid, then the cloud side's
-    EXPECT_EQ(service.callsOf("pilotControlBase")[1].args[1], "publishToGround");
-    EXPECT_EQ(service.callsOf("telementry")[0].args[1], "getConfig");
-}
-
-TEST_F(StartedPlugin, AnEmptyStationGetsAGeneratedId)
-{
-    mqtt = std::make_shared<vlm::test::RecordingMqttClient>("");
-    start();
-    const std::string id = state().getStationId();
-    EXPECT_TRUE(std::regex_match(id, std::regex("velmora-[a-z0-9]{8}"))) << id;
-    EXPECT_EQ(service.callsOf("pilotControlBase").at(0).args[0], id);
-}
-
-TEST_F(StartedPlugin, FailuresToReachTheServiceOrReadTheBrokerKeysAreLoggedAndStartGoesOn)
-{
-    const unsigned short port = service.port;
-    const std::string where = "address: 127.0.0.1, port: " + std::to_string(port);
-    auto expectSourceIsThePlugin = [](const LogCapture& log) {
-        for (const auto& line : log.lines()) {
-            EXPECT_EQ(line.logger, vlm::logName()) << line.text;
-            EXPECT_EQ(line.source, "src/plugin/PilotControlP") << line.text;
-        }
-    };
-    for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"}) {
-        vlm::configInstance().remove(key);
-        LogCapture log;
-        restart();
-        vlm::configInstance().setString(key, "");
-        EXPECT_EQ(log.errors(std::string("rpc subscribe failed: Not found: ") + key), 1);
-        EXPECT_TRUE(mqtt->subscribedTopics().empty()) << key;
-        EXPECT_TRUE(service.callsOf("reportRPCSub").empty()) << key;
-    }
+    const std::string port = std::to_string(service.port);
     service.service.stop();
-    plugin->stop();
-    plugin = vlm::PilotControlP::createInstance();  // its destructor's lines are not start's
     LogCapture down;
     start();
-    EXPECT_EQ(down.errors("pilot rpc connect to pilot control micro service failed, " + where), 1);
-    EXPECT_EQ(down.errors("pilot subscribe rpc connect to pilot control micro service failed, " + where), 1);
+    EXPECT_EQ(down.errors("pilot rpc connect to pilot control micro service failed, address: 127.0.0.1, port: " + port), 1);
+    EXPECT_EQ(down.errors("pilot subscribe rpc connect to pilot control micro service failed, address: 127.0.0.1, port: " +
+                          port), 1);
     EXPECT_EQ(down.errors("rpc subscribe failed: timeout or deferred"), 1);
     EXPECT_EQ(down.lines().size(), 3u);
-    expectSourceIsThePlugin(down);
 
     plugin->stop();
     LogCapture bad;
-    plugin->start(nullptr, mqtt, "not-an-address", port);
+    plugin->start(nullptr, mqtt, "not-an-address", service.port);
     const auto lines = bad.lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].text.rfind("connect to pilot control micro service failed, address: not-an-address, port: " +
-                                      std::to_string(port) + ", reason: ", 0), 0u) << lines[0].text;
+                                      port + ", reason: ", 0), 0u) << lines[0].text;
     EXPECT_EQ(lines[1].text.rfind("rpc subscribe failed: ", 0), 0u) << lines[1].text;
-    expectSourceIsThePlugin(bad);
     EXPECT_TRUE(mqtt->subscribedTopics().empty());
 }
-
-// Connected before the service told the pilot id: the first "pilotConnect"
-// event asks for it, and only that event while the id is missing.
-TEST_F(StartedPlugin, APilotConnectWithoutPilotIdAsksTheServiceForIt)
-{
-    start();
-    state().setPilotId("");
-    Access::dispatch(*plugin, "heartBeat", "{}");
-    EXPECT_EQ(service.callsOf("getStringConfig").size(), 1u);
-    Access::dispatch(*plugin, "pilotConnect", "{}");
-    Access::dispatch(*plugin, "pilotConnect", "{}");
-    EXPECT_EQ(state().getPilotId(), "UAV-1");
-    const auto asked = service.callsOf("getStringConfig");
-    ASSERT_EQ(asked.size(), 2u);
-    EXPECT_EQ(asked[1].args, std::vector<std::string>{"vehicle.pilot_id"});
-}
-
-// --- Messages of other plug-ins ---------------------------------------------
 
 class BusIntake : public StartedPlugin {
 protected:
@@ -238,28 +189,6 @@ TEST_F(BusIntake, RoutesByTheCategoryRangesWithTheirArguments)
     EXPECT_EQ(service.callsOf("microService")[0].args, std::vector<std::string>{R"({"api":"getDatDirPath"})"});
 }
 
-TEST_F(BusIntake, UnknownApisPassSilentlyBadMessagesAreLoggedAndNothingGoesWithoutAClient)
-{
-    const auto before = service.calls().size();
-    LogCapture log;
-    for (const char* m : {R"({"api":"noSuchApi"})", R"({"api":""})", R"({})", R"({"interface":"noSuchApi"})"})
-        push(m);
-    EXPECT_TRUE(log.lines().empty());
-    push("not json");
-    push(R"({"api":"fixedPointFollow","data":{"lat":"north"}})");
-    const auto lines = log.lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const auto& l) { return l.priority == Poco::Message::PRIO_ERROR; }),
-              2);
-    push(R"({"api":"getConfig"})");  // a marker: only it is forwarded
-    ASSERT_TRUE(service.waitForCalls("telementry", 1));
-    EXPECT_EQ(service.calls().size(), before + 1);
-    plugin->stop();
-    push(R"({"api":"getConfig"})");
-    push(R"({"api":""})");
-    EXPECT_EQ(log.errors("rpc client is null"), 2);
-}
-
 // A "microService" call gives up after 5 s, the others wait two minutes: an
 // answer 5.6 s late still reaches the sender only for the latter.
 TEST_F(BusIntake, OnlyMicroServiceCallsGiveUpAfterFiveSeconds)
@@ -275,18 +204,6 @@ TEST_F(BusIntake, OnlyMicroServiceCallsGiveUpAfterFiveSeconds)
     EXPECT_FALSE(bus.waitForCount(2, std::chrono::seconds(1)));
     EXPECT_EQ(bus.all(), std::vector<std::string>{R"({"guid":"{SENDER}","message":"flightControl"})"});
     EXPECT_EQ(service.callsOf("microService").size(), 1u);
-}
-
-TEST_F(BusIntake, FixedPointFollowGetsAPayloadActionOnlyForAPositiveLatitude)
-{
-    LogCapture log;
-    push(R"({"api":"fixedPointFollow","data":{"lat":30.5}})");
-    push(R"({"api":"fixedPointFollow","data":{"lat":0}})");
-    ASSERT_TRUE(service.waitForCalls("flightControl", 2));
-    auto calls = service.callsOf("flightControl");
-    EXPECT_EQ(parseObject(calls[0].args[0])->getObject("data")->getValue<int>("payloadAction"), 1);
-    EXPECT_EQ(calls[1].args[0], R"({"api":"fixedPointFollow","data":{"lat":0}})");
-    EXPECT_EQ(log.infos(R"(recv msg: {"api":"fixedPointFollow","data":{"lat":30.5}})"), 1);
 }
 
 TEST_F(BusIntake, AnswersGoBackToTheSenderRewrittenUnlessTheyNeverReturn)
