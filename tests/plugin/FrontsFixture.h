@@ -34,8 +34,7 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = std::chro
     return true;
 }
 
-/// A ground application on the test's broker: publishes commands and keeps
-/// every message that arrives on the topics it watches.
+/// A ground application on the test's broker: publishes, and keeps what arrives.
 class GroundApp {
 public:
     using Match = std::function<bool(const std::string& topic, const std::string& payload)>;
@@ -46,10 +45,8 @@ public:
         for (const auto& topic : topics)
             EXPECT_TRUE(client.Subscribe(
                 [this](const std::string& t, const std::string& payload) {
-                    {
-                        std::lock_guard<std::mutex> lock(mutex);
-                        received.emplace_back(t, payload);
-                    }
+                    std::lock_guard<std::mutex> lock(mutex);
+                    received.emplace_back(t, payload);
                     arrived.notify_all();
                 },
                 topic, 0));
@@ -112,9 +109,8 @@ private:
     PahoMqttClient client;  // last: its delivery thread ends before the members it fills
 };
 
-/// The plug-in started as the host starts it: the real HTTP server on an
-/// ephemeral loopback port, the real MQTT client on a broker of the test's
-/// own, and a scripted micro service.
+/// The plug-in started as the host starts it, on the real HTTP server and MQTT
+/// client, a broker of the test's own and a scripted micro service.
 class FrontsFixture : public ::testing::Test {
 protected:
     void SetUp() override
@@ -125,12 +121,10 @@ protected:
         server->start();
         mqtt = std::make_shared<PahoMqttClient>(stationClientOptions());
         ASSERT_TRUE(mqtt->connect());
-        // Set before start, as a host does: the delivery thread reads it.
-        // The recorder is shared so that it outlives a late delivery.
+        // Set before start, as a host does; shared, the recorder outlives a late delivery.
         plugin->setCallback([bus = bus](std::string text) { bus->callback()(std::move(text)); });
         plugin->start(server, mqtt, "127.0.0.1", service.port);
-        // Subscriptions travel on a connection of their own: an event the
-        // service publishes before the last of them arrived would be lost.
+        // An event published before the last subscription arrived would be lost.
         ASSERT_TRUE(service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::seconds(10)));
     }
 
@@ -138,7 +132,6 @@ protected:
     {
         plugin->stop();
         server->stop();
-        // Publishing work still queued must not reach into the next test.
         ThreadPool::defaultPool().joinAll();
         EXPECT_TRUE(PilotControlPTestAccess::drainOutbound(*plugin, std::chrono::seconds(10)));
     }
@@ -150,7 +143,6 @@ protected:
         return options;
     }
 
-    /// Options of the station's MQTT client, which the plug-in is given.
     virtual MqttClientOptions stationClientOptions()
     {
         MqttClientOptions options = groundOptions();
@@ -161,8 +153,7 @@ protected:
 
     PilotControlPImpl& state() { return PilotControlPTestAccess::impl(*plugin); }
 
-    /// Reports the vehicle connected (or not) the way the service does, and
-    /// waits until the plug-in has taken it in.
+    /// Reports the vehicle (dis)connected as the service does; waits until the plug-in knows.
     void vehicleConnected(bool connected)
     {
         service.service.publish("pilotConnectState", connected ? "true" : "false");

@@ -40,15 +40,6 @@ public:
     }
     static void notifyLinkType(PilotControlP& p, unsigned int linkType) { p.notifyLinkTypeChange(linkType); }
     static void vehicleOnline(PilotControlP& p, const std::string& data) { p.handleVehicleOnlineStatus(data); }
-    static std::string shortError(PilotControlP& p, const std::string& text, PilotControlP::ErrorCode code)
-    {
-        return p.makeErrorMsg(text, code);
-    }
-    static std::string fullError(PilotControlP& p, const std::string& text, const Object& request,
-                                 PilotControlP::ErrorCode code)
-    {
-        return p.makeErrorMsg(text, request, code);
-    }
 };
 
 } // namespace vlm

@@ -18,10 +18,9 @@
 
 namespace vlm::test {
 
-/// A pilot control micro service scripted for plug-in tests: it answers the
-/// settings queries from a table, answers forwarded requests like a real
-/// service would (or as a test scripts), and records every call by name with
-/// its arguments as text.
+/// A pilot control micro service for plug-in tests: settings from tables,
+/// forwarded requests answered as a real service would (or as scripted), and
+/// every call recorded by name with its arguments as text.
 class ScriptedService {
 public:
     struct Call {
@@ -51,19 +50,14 @@ public:
         });
         port = service.start(0);
     }
-    // The handlers use the members declared after `service`, which go first:
-    // the service's thread has to end before they do.
+    // The handlers use members destroyed before `service`: its thread ends first.
     ~ScriptedService() { service.stop(); }
 
     /// The answer a real service gives: the request's api and msgId, swapped
     /// addresses, code 200.
     static std::string standardAnswer(const std::vector<std::string>& args)
     {
-        Poco::JSON::Object::Ptr request = new Poco::JSON::Object;
-        try {
-            request = Poco::JSON::Parser().parse(args.empty() ? "{}" : args[0]).extract<Poco::JSON::Object::Ptr>();
-        } catch (...) {
-        }
+        auto request = Poco::JSON::Parser().parse(args.at(0)).extract<Poco::JSON::Object::Ptr>();
         Poco::JSON::Object answer(Poco::JSON_PRESERVE_KEY_ORDER);
         answer.set("api", args.size() > 1 ? args[1] : request->optValue<std::string>("api", ""));
         answer.set("type", "response");
@@ -116,10 +110,8 @@ private:
             texts.push_back(args.via.array.ptr[i].type == msgpack::type::STR ? args.via.array.ptr[i].as<std::string>()
                                                                              : out.str());
         }
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            recorded.push_back({name, texts});
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        recorded.push_back({name, texts});
         changed.notify_all();
         return texts;
     }
@@ -128,11 +120,10 @@ private:
     void bindSetting(const std::string& name, const Table& table)
     {
         service.bind(name, [this, name, &table](const msgpack::object& args) {
-            const auto texts = record(name, args);
-            auto it = texts.empty() ? table.end() : table.find(texts[0]);
-            if (it == table.end())
-                throw std::runtime_error("unknown key: " + (texts.empty() ? std::string() : texts[0]));
-            return pilot_rpc::service_reply::success(it->second);
+            const auto key = record(name, args).at(0);
+            if (!table.count(key))
+                throw std::runtime_error("unknown key: " + key);
+            return pilot_rpc::service_reply::success(table.at(key));
         });
     }
 
