@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -27,16 +28,13 @@ template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(5))
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return true;
 }
 
-/// A ground application on the test's broker: publishes commands and keeps
-/// every message that arrives on the topics it watches.
+/// A ground application on the test's broker: publishes, and keeps what arrives.
 class GroundApp {
 public:
     using Match = std::function<bool(const std::string& topic, const std::string& payload)>;
@@ -47,10 +45,8 @@ public:
         for (const auto& topic : topics)
             EXPECT_TRUE(client.Subscribe(
                 [this](const std::string& t, const std::string& payload) {
-                    {
-                        std::lock_guard<std::mutex> lock(mutex);
-                        received.emplace_back(t, payload);
-                    }
+                    std::lock_guard<std::mutex> lock(mutex);
+                    received.emplace_back(t, payload);
                     arrived.notify_all();
                 },
                 topic, 0));
@@ -61,14 +57,12 @@ public:
         ASSERT_TRUE(client.PublishMessage(payload, topic, 0, 0, waitSeconds));
     }
 
-    /// How many received messages match.
     int count(const Match& match)
     {
         std::lock_guard<std::mutex> lock(mutex);
         return countLocked(match);
     }
 
-    /// Waits until `n` received messages match, or the time is up.
     bool waitFor(const Match& match, int n = 1, std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -81,24 +75,17 @@ public:
     std::string answerText(const std::string& topic, const std::string& msgId,
                            std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
-        std::unique_lock<std::mutex> lock(mutex);
         std::string found;
-        arrived.wait_for(lock, limit, [&] {
-            for (const auto& [t, payload] : received) {
-                if (t != topic || payload.size() > (1u << 20))
-                    continue;
-                try {
-                    auto json = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
-                    if (json->optValue<std::string>("type", "") == "response" &&
-                        json->optValue<std::string>("msgId", "") == msgId) {
-                        found = payload;
-                        return true;
-                    }
-                } catch (...) {
-                }
-            }
-            return false;
-        });
+        const std::string id = R"("msgId":")" + msgId + '"';
+        waitFor(
+            [&](const std::string& t, const std::string& payload) {
+                if (t != topic || payload.size() > (1u << 20) || payload.find(id) == std::string::npos ||
+                    payload.find(R"("type":"response")") == std::string::npos)
+                    return false;
+                found = found.empty() ? payload : found;
+                return true;
+            },
+            1, limit);
         return found;
     }
 
@@ -106,18 +93,14 @@ public:
                                      std::chrono::milliseconds limit = std::chrono::seconds(8))
     {
         const std::string text = answerText(topic, msgId, limit);
-        if (text.empty())
-            return nullptr;
-        return Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+        return text.empty() ? nullptr : Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
     }
 
 private:
     int countLocked(const Match& match)
     {
-        int n = 0;
-        for (const auto& [topic, payload] : received)
-            n += match(topic, payload) ? 1 : 0;
-        return n;
+        return static_cast<int>(std::count_if(received.begin(), received.end(),
+                                              [&](const auto& m) { return match(m.first, m.second); }));
     }
 
     std::mutex mutex;  // guards received
@@ -126,26 +109,22 @@ private:
     PahoMqttClient client;  // last: its delivery thread ends before the members it fills
 };
 
-/// The plug-in started as the host starts it: the real HTTP server on an
-/// ephemeral loopback port, the real MQTT client on a broker of the test's
-/// own, and a scripted micro service.
+/// The plug-in started as the host starts it, on the real HTTP server and MQTT
+/// client, a broker of the test's own and a scripted micro service.
 class FrontsFixture : public ::testing::Test {
 protected:
     void SetUp() override
     {
         broker.start();
-        vlm::configInstance().setString("mqtt.server_uri", broker.hostPort());
-        vlm::configInstance().setString("mqtt.user_name", "");
-        vlm::configInstance().setString("mqtt.pawsswd", "");
+        for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"})
+            vlm::configInstance().setString(key, key == std::string("mqtt.server_uri") ? broker.hostPort() : "");
         server->start();
         mqtt = std::make_shared<PahoMqttClient>(stationClientOptions());
         ASSERT_TRUE(mqtt->connect());
-        // Set before start, as a host does: the delivery thread reads it.
-        // The recorder is shared so that it outlives a late delivery.
+        // Set before start, as a host does; shared, the recorder outlives a late delivery.
         plugin->setCallback([bus = bus](std::string text) { bus->callback()(std::move(text)); });
         plugin->start(server, mqtt, "127.0.0.1", service.port);
-        // Subscriptions travel on a connection of their own: an event the
-        // service publishes before the last of them arrived would be lost.
+        // An event published before the last subscription arrived would be lost.
         ASSERT_TRUE(service.service.wait_for_subscriber("vehicleOnlineStatus", std::chrono::seconds(10)));
     }
 
@@ -153,7 +132,6 @@ protected:
     {
         plugin->stop();
         server->stop();
-        // Publishing work still queued must not reach into the next test.
         ThreadPool::defaultPool().joinAll();
         EXPECT_TRUE(PilotControlPTestAccess::drainOutbound(*plugin, std::chrono::seconds(10)));
     }
@@ -165,11 +143,9 @@ protected:
         return options;
     }
 
-    /// Options of the station's MQTT client, which the plug-in is given.
     virtual MqttClientOptions stationClientOptions()
     {
-        MqttClientOptions options;
-        options.serverUri = broker.hostPort();
+        MqttClientOptions options = groundOptions();
         options.stationSerial = "station-1";
         options.reconnectMinDelay = std::chrono::milliseconds(200);
         return options;
@@ -177,8 +153,7 @@ protected:
 
     PilotControlPImpl& state() { return PilotControlPTestAccess::impl(*plugin); }
 
-    /// Reports the vehicle connected (or not) the way the service does, and
-    /// waits until the plug-in has taken it in.
+    /// Reports the vehicle (dis)connected as the service does; waits until the plug-in knows.
     void vehicleConnected(bool connected)
     {
         service.service.publish("pilotConnectState", connected ? "true" : "false");

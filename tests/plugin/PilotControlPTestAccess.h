@@ -12,49 +12,34 @@ namespace vlm {
 /// Reaches the private operations of PilotControlP, for tests only.
 class PilotControlPTestAccess {
 public:
+    using Object = Poco::JSON::Object;
     static PilotControlPImpl& impl(PilotControlP& p) { return *p.impl; }
-
     static void setMqtt(PilotControlP& p, std::shared_ptr<MqttClient> mqtt) { p.mqttClient = std::move(mqtt); }
     static void dispatch(PilotControlP& p, const std::string& topic, const std::string& data)
     {
         p.dispatchServiceEvent(topic, data);
     }
-    static void publish(PilotControlP& p, const std::string& payload, const std::string& topic,
-                        const std::string& api)
+    static void publish(PilotControlP& p, const std::string& payload, const std::string& topic, const std::string& api)
     {
         p.publishMessage(payload, topic, api);
     }
-    static void record(PilotControlP& p, int kind, const Poco::JSON::Object& object, const std::string& topic,
+    static void record(PilotControlP& p, int kind, const Object& object, const std::string& topic,
                        const std::string& api)
     {
         p.sendTelemeToMicroService(kind, object, topic, api);
     }
-    static unsigned int linkTypeOf(PilotControlP& p, const Poco::JSON::Object& request)
-    {
-        return p.getLinkType(request);
-    }
+    static unsigned int linkTypeOf(PilotControlP& p, const Object& request) { return p.getLinkType(request); }
     /// Waits until the outbound worker has run everything queued so far, so
     /// that no task still reaches into a test's recorders after it ends.
     static bool drainOutbound(PilotControlP& p, std::chrono::milliseconds limit)
     {
         auto done = std::make_shared<std::promise<void>>();
         std::future<void> ran = done->get_future();
-        if (!p.impl->outbound.post([done] { done->set_value(); }, OutboundClass::answer))
-            return false;
-        return ran.wait_for(limit) == std::future_status::ready;
+        return p.impl->outbound.post([done] { done->set_value(); }, OutboundClass::answer) &&
+               ran.wait_for(limit) == std::future_status::ready;
     }
     static void notifyLinkType(PilotControlP& p, unsigned int linkType) { p.notifyLinkTypeChange(linkType); }
     static void vehicleOnline(PilotControlP& p, const std::string& data) { p.handleVehicleOnlineStatus(data); }
-
-    static std::string shortError(PilotControlP& p, const std::string& text, PilotControlP::ErrorCode code)
-    {
-        return p.makeErrorMsg(text, code);
-    }
-    static std::string fullError(PilotControlP& p, const std::string& text, const Poco::JSON::Object& request,
-                                 PilotControlP::ErrorCode code)
-    {
-        return p.makeErrorMsg(text, request, code);
-    }
 };
 
 } // namespace vlm

@@ -42,9 +42,7 @@ protected:
 
     void TearDown() override
     {
-        // Work handed to the host pool or the outbound worker must not run
-        // into the next test: a publishing task still calling the bus
-        // recorder of a finished test would write into freed memory.
+        // Queued publishing work would otherwise write into this test's freed recorders.
         ThreadPool::defaultPool().joinAll();
         EXPECT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));
         plugin.reset();

@@ -5,8 +5,8 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,10 +18,9 @@
 
 namespace vlm::test {
 
-/// A pilot control micro service scripted for plug-in tests: it answers the
-/// settings queries from a table, answers forwarded requests like a real
-/// service would (or as a test scripts), and records every call by name with
-/// its arguments as text.
+/// A pilot control micro service for plug-in tests: settings from tables,
+/// forwarded requests answered as a real service would (or as scripted), and
+/// every call recorded by name with its arguments as text.
 class ScriptedService {
 public:
     struct Call {
@@ -33,37 +32,33 @@ public:
 
     ScriptedService()
     {
-        intSettings = {{"station.app_type", 0}, {"station.link_type", 0}};
-        stringSettings = {{"vehicle.pilot_id", "UAV-1"}};
-        boolSettings = {{"vehicle.six_axis_ar_seat", false}};
-        bindSettings();
+        bindSetting("getIntConfig", intSettings);
+        bindSetting("getStringConfig", stringSettings);
+        bindSetting("getBoolConfig", boolSettings);
         for (const char* name : {"telementry", "flightControl", "firmwareUpdate", "dataPlayback", "electronicFence",
                                  "project", "multiRotor", "microService", "djiControl", "pilotControlBase"})
-            bindForwarded(name);
+            service.bind(name, [this, name](const msgpack::object& args) {
+                auto texts = record(name, args);
+                std::unique_lock<std::mutex> lock(mutex);
+                Responder custom = responder;
+                lock.unlock();
+                return pilot_rpc::service_reply::success(custom ? custom(name, texts) : standardAnswer(texts));
+            });
         service.bind("reportRPCSub", [this](const msgpack::object& args) {
             record("reportRPCSub", args);
             return pilot_rpc::service_reply::success(true);
         });
         port = service.start(0);
     }
-
-    // The handlers use the members declared after `service`, which go first:
-    // the service's thread has to end before they do.
+    // The handlers use members destroyed before `service`: its thread ends first.
     ~ScriptedService() { service.stop(); }
-    ScriptedService(const ScriptedService&) = delete;
-    ScriptedService& operator=(const ScriptedService&) = delete;
 
     /// The answer a real service gives: the request's api and msgId, swapped
     /// addresses, code 200.
     static std::string standardAnswer(const std::vector<std::string>& args)
     {
+        auto request = Poco::JSON::Parser().parse(args.at(0)).extract<Poco::JSON::Object::Ptr>();
         Poco::JSON::Object answer(Poco::JSON_PRESERVE_KEY_ORDER);
-        Poco::JSON::Object::Ptr request;
-        try {
-            request = Poco::JSON::Parser().parse(args.empty() ? "{}" : args[0]).extract<Poco::JSON::Object::Ptr>();
-        } catch (...) {
-            request = new Poco::JSON::Object;
-        }
         answer.set("api", args.size() > 1 ? args[1] : request->optValue<std::string>("api", ""));
         answer.set("type", "response");
         answer.set("from", request->optValue<std::string>("target", ""));
@@ -78,7 +73,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         responder = std::move(r);
     }
-
     std::vector<Call> calls() const
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -86,11 +80,9 @@ public:
     }
     std::vector<Call> callsOf(const std::string& name) const
     {
-        std::vector<Call> matching;
-        for (auto& c : calls())
-            if (c.name == name)
-                matching.push_back(c);
-        return matching;
+        auto all = calls();
+        all.erase(std::remove_if(all.begin(), all.end(), [&](const Call& c) { return c.name != name; }), all.end());
+        return all;
     }
     bool waitForCalls(const std::string& name, size_t count,
                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const
@@ -104,69 +96,34 @@ public:
 
     pilot_rpc::rpc_service service;
     unsigned short port = 0;
-    std::map<std::string, int> intSettings;
-    std::map<std::string, std::string> stringSettings;
-    std::map<std::string, bool> boolSettings;
+    std::map<std::string, int> intSettings{{"station.app_type", 0}, {"station.link_type", 0}};
+    std::map<std::string, std::string> stringSettings{{"vehicle.pilot_id", "UAV-1"}};
+    std::map<std::string, bool> boolSettings{{"vehicle.six_axis_ar_seat", false}};
 
 private:
-    static std::string argText(const msgpack::object& arg)
-    {
-        if (arg.type == msgpack::type::STR)
-            return arg.as<std::string>();
-        if (arg.type == msgpack::type::BOOLEAN)
-            return arg.as<bool>() ? "true" : "false";
-        std::ostringstream out;
-        out << arg;
-        return out.str();
-    }
-
     std::vector<std::string> record(const std::string& name, const msgpack::object& args)
     {
         std::vector<std::string> texts;
-        if (args.type == msgpack::type::ARRAY)
-            for (uint32_t i = 0; i < args.via.array.size; ++i)
-                texts.push_back(argText(args.via.array.ptr[i]));
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            recorded.push_back({name, texts});
+        for (uint32_t i = 0; args.type == msgpack::type::ARRAY && i < args.via.array.size; ++i) {
+            std::ostringstream out;  // strings without the quotes msgpack prints around them
+            out << args.via.array.ptr[i];
+            texts.push_back(args.via.array.ptr[i].type == msgpack::type::STR ? args.via.array.ptr[i].as<std::string>()
+                                                                             : out.str());
         }
+        std::lock_guard<std::mutex> lock(mutex);
+        recorded.push_back({name, texts});
         changed.notify_all();
         return texts;
-    }
-
-    template <typename Table>
-    static auto lookup(const Table& table, const std::vector<std::string>& args)
-    {
-        auto it = args.empty() ? table.end() : table.find(args[0]);
-        if (it == table.end())
-            throw std::runtime_error("unknown key: " + (args.empty() ? std::string() : args[0]));
-        return it->second;
     }
 
     template <typename Table>
     void bindSetting(const std::string& name, const Table& table)
     {
         service.bind(name, [this, name, &table](const msgpack::object& args) {
-            return pilot_rpc::service_reply::success(lookup(table, record(name, args)));
-        });
-    }
-    void bindSettings()
-    {
-        bindSetting("getIntConfig", intSettings);
-        bindSetting("getStringConfig", stringSettings);
-        bindSetting("getBoolConfig", boolSettings);
-    }
-
-    void bindForwarded(const std::string& name)
-    {
-        service.bind(name, [this, name](const msgpack::object& args) {
-            auto texts = record(name, args);
-            Responder custom;
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                custom = responder;
-            }
-            return pilot_rpc::service_reply::success(custom ? custom(name, texts) : standardAnswer(texts));
+            const auto key = record(name, args).at(0);
+            if (!table.count(key))
+                throw std::runtime_error("unknown key: " + key);
+            return pilot_rpc::service_reply::success(table.at(key));
         });
     }
 
