@@ -1,8 +1,10 @@
 // Calls against the in-process service: synchronous, future and callback
-// styles, their time-outs and the pending-call tables.
+// styles, their time-outs, the pending-call tables, and what the client does
+// with what it receives.
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -25,12 +27,37 @@ protected:
     void SetUp() override
     {
         service_test::SetUp();
+        client.set_error_callback([this](std::error_code ec) {
+            std::lock_guard<std::mutex> lock(mutex);
+            errors.push_back(ec);
+            changed.notify_all();
+        });
         ASSERT_TRUE(client.connect("127.0.0.1", port, false, 3));
         ASSERT_TRUE(service.wait_for_accepted(1, 3s));
+        connection = service.connections().front();
+    }
+
+    std::optional<std::error_code> first_error(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, timeout, [this] { return !errors.empty(); }))
+            return std::nullopt;
+        return errors.front();
+    }
+
+    void send_header(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id, const std::string& body = "")
+    {
+        ASSERT_TRUE(service.send_frame(connection, frame_header{frame_magic, type, body_len, req_id, 0}, body));
     }
 
     rpc_client client;
+    std::uint64_t connection = 0;
+    std::mutex mutex;  // guards errors
+    std::condition_variable changed;
+    std::vector<std::error_code> errors;
 };
+
+using ClientReceive = ClientCall;  // what the client does with what it receives
 
 TEST_F(ClientCall, SyncCallReturnsTheValueTheServiceMessageOrTimesOutKeepingItsEntry)
 {
@@ -70,9 +97,20 @@ TEST_F(ClientCall, CallbackRunsOnceOnTheIoThreadAndStrayAnswersCreateNoEntries)
     EXPECT_EQ(calls.load(), 1);
 }
 
-// The time-out itself calls nothing; the late answer delivers timed_out, once.
-TEST_F(ClientCall, LateAnswerToATimedOutCallbackDeliversTimedOutOnce)
+// While down a callback fails at once on the caller's thread. Once sent, its
+// time-out itself calls nothing; the late answer delivers timed_out, once.
+TEST_F(ClientCall, CallbackFailsAtOnceWhileDownAndALateAnswerDeliversTimedOutOnce)
 {
+    rpc_client idle;
+    std::optional<call_outcome> refused;
+    idle.call_with_callback<2000>(
+        "echo", [&](std::error_code ec, std::string_view body) { refused = {ec, std::string(body), std::this_thread::get_id()}; },
+        1);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->ec, std::error_code(asio::error::not_connected));
+    EXPECT_EQ(refused->body, "not connected");
+    EXPECT_EQ(refused->thread, std::this_thread::get_id());
+
     service.delay_answers("echo", 400ms);
     std::atomic<int> calls{0};
     slot<call_outcome> done;
@@ -116,8 +154,6 @@ TEST_F(ClientCall, DestructionWithCallsPendingBreaksFuturesAndCallsNoCallback)
 // ends with a broken promise, not with its time-out.
 TEST_F(ClientCall, HeaderReadFailureFailsEveryCallbackAndBreaksWaitingCalls)
 {
-    slot<std::error_code> lost;
-    client.set_error_callback([&](std::error_code ec) { lost.promise.set_value(ec); });
     slot<std::error_code> first;
     slot<std::error_code> second;
     client.call_with_callback<0>("never", [&](std::error_code ec, std::string_view) { first.promise.set_value(ec); });
@@ -132,8 +168,7 @@ TEST_F(ClientCall, HeaderReadFailureFailsEveryCallbackAndBreaksWaitingCalls)
     expect_broken_promise(waiting);
     EXPECT_EQ(client.pending_callback_calls(), 0u);
     EXPECT_EQ(client.pending_future_calls(), 0u);
-    ASSERT_TRUE(lost.ready_within(0ms));
-    EXPECT_EQ(lost.future.get(), std::error_code(asio::error::eof));
+    EXPECT_EQ(first_error(0ms), std::error_code(asio::error::eof));
     EXPECT_FALSE(client.has_connected());
 }
 
@@ -173,6 +208,76 @@ TEST_F(ClientCall, SyncCallWhileTheServiceIsDownWaitsItsFullTimeAndHoldsTheQueue
     const auto echoes = frames_named("echo");
     ASSERT_EQ(echoes.size(), 1u);
     EXPECT_NE(echoes[0].connection, held);
+}
+
+TEST_F(ClientReceive, BodyOfExactlyTheLimitStopsReadingSilently)
+{
+    // The limit frame's body is itself a well-formed answer to the first call,
+    // and a second answer follows it: a client that read past the header
+    // would deliver one of them.
+    auto first = client.call_future("never");
+    auto second = client.call_future("never");
+    ASSERT_TRUE(wait_for_frame_count(2));
+    const std::string body = service_reply::success(std::string(10485760 - 7, 'x')).body();
+    ASSERT_EQ(body.size(), 10485760u);
+    send_header(call_frame, 10485760, first.id, body);
+    send_header(call_frame, 5, second.id, service_reply::success(1).body());
+
+    EXPECT_NE(first.wait_for(1s), std::future_status::ready);
+    EXPECT_NE(second.wait_for(0ms), std::future_status::ready);
+    EXPECT_EQ(client.last_response_id(), 0u);
+    EXPECT_EQ(client.pending_future_calls(), 2u);
+    EXPECT_TRUE(client.has_connected());
+    EXPECT_EQ(service.connections().size(), 1u);
+    EXPECT_FALSE(first_error(0ms));
+}
+
+// A body that breaks off fails the one call it answers; the flag is cleared
+// before close(), so the other pending calls stay in their tables.
+TEST_F(ClientReceive, BodyReadErrorFailsOnlyItsCallAndKeepsTheTables)
+{
+    auto broken = client.call_future("never");
+    auto other = client.call_future("never");
+    std::atomic<int> callbacks{0};
+    client.call_with_callback<0>("never", [&](std::error_code, std::string_view) { ++callbacks; });
+    ASSERT_TRUE(wait_for_frame_count(3));
+    send_header(call_frame, 100, broken.id, std::string("\x92\x00", 2));  // 2 of 100 bytes
+    service.close_connection(connection);
+
+    EXPECT_EQ(first_error(3s), std::error_code(asio::error::eof));
+    ASSERT_EQ(broken.wait_for(3s), std::future_status::ready);
+    expect_thrown_text<std::logic_error>([&] { broken.get().check(); }, "");  // failed, with no message
+    EXPECT_EQ(client.last_response_id(), broken.id);
+    EXPECT_TRUE(client.has_pending_future(other.id));
+    EXPECT_EQ(client.pending_callback_calls(), 1u);
+    EXPECT_NE(other.wait_for(200ms), std::future_status::ready);
+    EXPECT_EQ(callbacks.load(), 0);
+    EXPECT_FALSE(client.has_connected());
+}
+
+// The publication path leaves the link flagged connected: with reconnection
+// on, the socket is replaced and connected again, but the connect handler
+// ignores that completion, so nothing is replayed. Reading goes on on the new
+// socket.
+TEST_F(ClientReceive, MalformedPublicationResetsTheSocketAndIgnoresTheNewConnection)
+{
+    client.enable_auto_reconnect();
+    client.subscribe("heartBeat", [](std::string_view) {});
+    ASSERT_TRUE(service.wait_for_subscriber("heartBeat", 3s));
+    send_header(topic_frame, 1, 0, std::string("\xc1", 1));
+    EXPECT_EQ(first_error(3s), std::error_code(asio::error::invalid_argument));
+
+    ASSERT_TRUE(service.wait_for_accepted(2, 5s));
+    EXPECT_TRUE(wait_until([&] { return service.connections().size() == 1; }));  // the old socket is gone
+    const std::uint64_t fresh = service.connections().back();
+    EXPECT_NE(fresh, connection);
+
+    // Answered on the new socket, after its connect completion was handled.
+    EXPECT_EQ((client.call<3000, int>("echo", 5)), 5);
+    EXPECT_EQ(frames_named("echo").at(0).connection, fresh);
+    EXPECT_TRUE(service.subscriptions(fresh).empty());
+    EXPECT_EQ(client.reconnect_count(), 0u);
+    EXPECT_TRUE(client.has_connected());
 }
 
 }  // namespace

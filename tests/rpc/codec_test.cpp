@@ -6,6 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "rpc/codec.h"
 #include "rpc/frame_reader.h"
@@ -60,28 +62,23 @@ TEST(FrameReader, FramesSplitAtEveryByteComeOutWhole)
 TEST(FrameReader, EachEndsLengthRuleAtItsBoundaries)
 {
     using status = frame_reader::status;
-    struct Row {
-        peer_role role;
-        std::uint32_t length;
-        status expected;
-    };
-    for (const Row& row : {Row{peer_role::client, 0, status::bad_length}, {peer_role::client, 1, status::frame},
-                           {peer_role::client, 10485759, status::frame}, {peer_role::client, 10485760, status::stalled},
-                           {peer_role::client, 10485761, status::bad_length},
-                           {peer_role::client, UINT32_MAX, status::bad_length}, {peer_role::service, 0, status::frame},
-                           {peer_role::service, 10485759, status::frame},
-                           {peer_role::service, 10485760, status::bad_length}}) {
-        SCOPED_TRACE(std::to_string(row.length) + (row.role == peer_role::client ? " client" : " service"));
-        frame_reader reader(row.role);
-        const std::string body = row.expected == status::frame ? std::string(row.length, 'b') : "";
-        feed(reader, test::header_of(0, row.length, 1) + body + test::header_of(0, 2, 2) + "ok");
+    const auto client = peer_role::client;
+    const auto service = peer_role::service;
+    for (const auto& [role, length, expected] : std::vector<std::tuple<peer_role, std::uint32_t, status>>{
+             {client, 0, status::bad_length}, {client, 10485759, status::frame}, {client, 10485760, status::stalled},
+             {client, 10485761, status::bad_length}, {client, UINT32_MAX, status::bad_length},
+             {service, 0, status::frame}, {service, 10485759, status::frame}, {service, 10485760, status::bad_length}}) {
+        SCOPED_TRACE(std::to_string(length) + (role == peer_role::client ? " client" : " service"));
+        frame_reader reader(role);
+        const std::string body = expected == status::frame ? std::string(length, 'b') : "";
+        feed(reader, test::header_of(0, length, 1) + body + test::header_of(0, 2, 2) + "ok");
         frame_view frame;
-        ASSERT_EQ(reader.next(frame), row.expected);
-        if (row.expected == status::frame) {
-            EXPECT_EQ(frame.body.size(), row.length);
+        ASSERT_EQ(reader.next(frame), expected);
+        if (expected == status::frame) {
+            EXPECT_EQ(frame.body.size(), length);
             continue;
         }
-        EXPECT_EQ(reader.next(frame), row.expected);
+        EXPECT_EQ(reader.next(frame), expected);
         reader.reset();
         feed(reader, test::header_of(0, 1, 5) + "a");
         ASSERT_EQ(reader.next(frame), status::frame);
