@@ -22,6 +22,19 @@ struct call_outcome {
     std::thread::id thread;
 };
 
+/// A callback that keeps its first outcome and counts its calls.
+struct callback_probe {
+    std::atomic<int> calls{0};
+    slot<call_outcome> first;
+    auto handler()
+    {
+        return [this](std::error_code ec, std::string_view body) {
+            if (calls.fetch_add(1) == 0)
+                first.promise.set_value({ec, std::string(body), std::this_thread::get_id()});
+        };
+    }
+};
+
 class ClientCall : public service_test {
 protected:
     void SetUp() override
@@ -59,42 +72,28 @@ protected:
 
 using ClientReceive = ClientCall;  // what the client does with what it receives
 
-TEST_F(ClientCall, SyncCallReturnsTheValueTheServiceMessageOrTimesOutKeepingItsEntry)
-{
-    expect_thrown_text<std::out_of_range>([&] { client.call<100, int>("never"); }, "timeout or deferred");
-    EXPECT_EQ((client.call<2000, int>("echo", 42)), 42);
-    expect_thrown_text<std::logic_error>([&] { client.call<2000, int>("fail"); }, "no vehicle");
-    EXPECT_TRUE(client.has_pending_future(1));
-    EXPECT_EQ(client.pending_future_calls(), 1u);
-}
-
 // Each call is answered twice, and answers come for ids nobody asked: the
 // callback runs once, with the raw body, on the I/O thread, and no table grows.
-TEST_F(ClientCall, CallbackRunsOnceOnTheIoThreadAndStrayAnswersCreateNoEntries)
+// A synchronous call returns the value, or throws the service's message.
+TEST_F(ClientCall, AnswersReachTheirCallOnceAndStrayAnswersCreateNoEntries)
 {
     service.answer_twice("echo");
-    std::atomic<int> calls{0};
-    slot<call_outcome> done;
-    client.call_with_callback<2000>(
-        "echo",
-        [&](std::error_code ec, std::string_view body) {
-            if (calls.fetch_add(1) == 0)
-                done.promise.set_value({ec, std::string(body), std::this_thread::get_id()});
-        },
-        7);
+    callback_probe probe;
+    client.call_with_callback<2000>("echo", probe.handler(), 7);
     EXPECT_EQ((client.call<2000, int>("echo", 2)), 2);
+    expect_thrown_text<std::logic_error>([&] { client.call<2000, int>("fail"); }, "no vehicle");
     const std::string body = service_reply::success(1).body();
     ASSERT_TRUE(service.send_frame(service.connections().front(), call_frame, 0x8000000000000777ULL, body));
     ASSERT_TRUE(service.send_frame(service.connections().front(), call_frame, 777, body));
     ASSERT_TRUE(wait_until([&] { return client.last_response_id() == 777; }));
-    ASSERT_TRUE(done.ready_within(0ms));
-    const call_outcome outcome = done.future.get();
+    ASSERT_TRUE(probe.first.ready_within(0ms));
+    const call_outcome outcome = probe.first.future.get();
     EXPECT_FALSE(outcome.ec);
     EXPECT_EQ(req_result(outcome.body).value<int>(), 7);
     EXPECT_NE(outcome.thread, std::this_thread::get_id());
     EXPECT_EQ(client.pending_callback_calls(), 0u);
     EXPECT_EQ(client.pending_future_calls(), 0u);
-    EXPECT_EQ(calls.load(), 1);
+    EXPECT_EQ(probe.calls.load(), 1);
 }
 
 // While down a callback fails at once on the caller's thread. Once sent, its
@@ -102,32 +101,25 @@ TEST_F(ClientCall, CallbackRunsOnceOnTheIoThreadAndStrayAnswersCreateNoEntries)
 TEST_F(ClientCall, CallbackFailsAtOnceWhileDownAndALateAnswerDeliversTimedOutOnce)
 {
     rpc_client idle;
-    std::optional<call_outcome> refused;
-    idle.call_with_callback<2000>(
-        "echo", [&](std::error_code ec, std::string_view body) { refused = {ec, std::string(body), std::this_thread::get_id()}; },
-        1);
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->ec, std::error_code(asio::error::not_connected));
-    EXPECT_EQ(refused->body, "not connected");
-    EXPECT_EQ(refused->thread, std::this_thread::get_id());
+    callback_probe down;
+    idle.call_with_callback<2000>("echo", down.handler(), 1);
+    ASSERT_TRUE(down.first.ready_within(0ms));
+    const call_outcome refused = down.first.future.get();
+    EXPECT_EQ(refused.ec, std::error_code(asio::error::not_connected));
+    EXPECT_EQ(refused.body, "not connected");
+    EXPECT_EQ(refused.thread, std::this_thread::get_id());
 
     service.delay_answers("echo", 400ms);
-    std::atomic<int> calls{0};
-    slot<call_outcome> done;
-    client.call_with_callback<50>(
-        "echo",
-        [&](std::error_code ec, std::string_view body) {
-            if (calls.fetch_add(1) == 0)
-                done.promise.set_value({ec, std::string(body), {}});
-        },
-        1);
-    EXPECT_FALSE(done.ready_within(200ms));
-    ASSERT_TRUE(done.ready_within(3s));
-    const call_outcome outcome = done.future.get();
+    callback_probe late;
+    client.call_with_callback<50>("echo", late.handler(), 1);
+    EXPECT_FALSE(late.first.ready_within(200ms));
+    ASSERT_TRUE(late.first.ready_within(3s));
+    const call_outcome outcome = late.first.future.get();
     EXPECT_EQ(outcome.ec, std::error_code(asio::error::timed_out));
     EXPECT_TRUE(outcome.body.empty());
     EXPECT_EQ(client.pending_callback_calls(), 0u);
-    EXPECT_EQ(calls.load(), 1);
+    EXPECT_EQ(late.calls.load(), 1);
+    EXPECT_EQ(down.calls.load(), 1);
 }
 
 // Destruction closes the link: it breaks waiting futures, drops callbacks

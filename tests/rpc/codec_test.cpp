@@ -16,8 +16,6 @@
 namespace pilot_rpc {
 namespace {
 
-std::string bytes_of(const msgpack::sbuffer& buffer) { return std::string(buffer.data(), buffer.size()); }
-
 void feed(frame_reader& reader, const std::string& bytes)
 {
     for (std::size_t offset = 0; offset < bytes.size();) {
