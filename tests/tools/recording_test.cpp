@@ -10,10 +10,7 @@ namespace {
 
 TEST(Recording, ALineReadsBackExactlyWhatWasWritten)
 {
-    recorded_event event;
-    event.t_ms = 1250;
-    event.topic = "push\"Tele\\metry";
-    event.data = "{\"a\":\"b\\n\"}\n\t\x01 \xc3\xa9";
+    const recorded_event event{1250, "push\"Tele\\metry", "{\"a\":\"b\\n\"}\n\t\x01 \xc3\xa9"};
     const auto when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1795450857148));
     const std::string line = format_record_line(event, when);
     EXPECT_EQ(line.find('\n'), std::string::npos);
