@@ -3,114 +3,76 @@
 // A listening socket on 127.0.0.1 that a test drives byte by byte, to check
 // exactly what the client puts on the wire. Every wait has a deadline.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <optional>
-#include <stdexcept>
 #include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/read.hpp>
 
 namespace pilot_rpc::test {
 
 class raw_peer {
 public:
-    raw_peer()
-    {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = 0;
-        if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(listener_, 4) != 0)
-            throw std::runtime_error("raw_peer: cannot listen");
-        socklen_t length = sizeof address;
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
-    }
-    ~raw_peer()
-    {
-        drop_client();
-        ::close(listener_);
-    }
-    raw_peer(const raw_peer&) = delete;
-    raw_peer& operator=(const raw_peer&) = delete;
+    unsigned short port() const { return acceptor_.local_endpoint().port(); }
 
-    unsigned short port() const { return port_; }
-
-    bool accept(std::chrono::milliseconds timeout)
-    {
-        if (!wait_readable(listener_, timeout))
-            return false;
-        drop_client();
-        client_ = ::accept(listener_, nullptr, nullptr);
-        return client_ >= 0;
-    }
-
-    /// Accepts every connection waiting and keeps the newest: a reconnecting
-    /// client may have connected and given up on older ones meanwhile.
+    /// Waits for a connection, then keeps the newest of those waiting: a
+    /// reconnecting client may have given up on older ones meanwhile.
     bool accept_newest(std::chrono::milliseconds timeout)
     {
-        if (!accept(timeout))
+        socket_ = asio::ip::tcp::socket(io_);
+        if (!run_for(timeout, [&](auto done) { acceptor_.async_accept(socket_, done); }))
             return false;
-        while (accept(std::chrono::milliseconds(0))) {
-        }
-        return client_ >= 0;
+        acceptor_.non_blocking(true);
+        asio::error_code ec;
+        for (asio::ip::tcp::socket next(io_); acceptor_.accept(next, ec), !ec; next = asio::ip::tcp::socket(io_))
+            socket_ = std::move(next);
+        acceptor_.non_blocking(false);
+        return true;
     }
 
     /// Exactly `count` bytes, or nothing when they do not all come in time.
     std::optional<std::string> read_exact(std::size_t count, std::chrono::milliseconds timeout)
     {
-        std::string data;
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (data.size() < count) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !wait_readable(client_, left))
-                return std::nullopt;
-            char buffer[4096];
-            const ssize_t got = ::recv(client_, buffer, std::min(sizeof buffer, count - data.size()), 0);
-            if (got <= 0)
-                return std::nullopt;
-            data.append(buffer, static_cast<std::size_t>(got));
-        }
+        std::string data(count, '\0');
+        if (!run_for(timeout, [&](auto done) { asio::async_read(socket_, asio::buffer(data), done); }))
+            return std::nullopt;
         return data;
-    }
-
-    bool write(const std::string& bytes)
-    {
-        return ::send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 
     /// Closes the connection with a reset instead of an orderly end.
     void reset_client()
     {
-        const linger abort{1, 0};
-        ::setsockopt(client_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        drop_client();
+        socket_.set_option(asio::socket_base::linger(true, 0));
+        socket_.close();
     }
 
-    void drop_client()
-    {
-        if (client_ >= 0)
-            ::close(client_);
-        client_ = -1;
-    }
+    void drop_client() { socket_.close(); }
 
 private:
-    static bool wait_readable(int fd, std::chrono::milliseconds timeout)
+    /// Runs the one operation `start` begins for at most `timeout`; true when
+    /// it completed without error.
+    template <typename Start>
+    bool run_for(std::chrono::milliseconds timeout, Start start)
     {
-        pollfd entry{fd, POLLIN, 0};
-        return ::poll(&entry, 1, static_cast<int>(timeout.count())) == 1;
+        std::optional<asio::error_code> result;
+        io_.restart();
+        start([&result](asio::error_code ec, auto&&...) { result = ec; });
+        io_.run_for(timeout);
+        if (!result) {
+            asio::error_code ignored;
+            acceptor_.cancel(ignored);
+            socket_.cancel(ignored);
+            io_.restart();
+            io_.run();
+        }
+        return result && !*result;
     }
 
-    int listener_ = -1;
-    int client_ = -1;
-    unsigned short port_ = 0;
+    asio::io_context io_;
+    asio::ip::tcp::acceptor acceptor_{io_, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
+    asio::ip::tcp::socket socket_{io_};
 };
 
 }  // namespace pilot_rpc::test

@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared set-up of the client tests: a service on a kernel-chosen loopback
-// port with a few procedures, and bounded waits.
+// Shared set-up of the client tests: a service on a loopback port with a few
+// procedures, and bounded waits.
 
 #include <gtest/gtest.h>
 
@@ -22,8 +22,8 @@ namespace pilot_rpc::test {
 
 using namespace std::chrono_literals;
 
-/// Polls `condition` every few milliseconds until it holds or `timeout` passes.
-/// For state that offers nothing to wait on (table sizes, flags).
+/// Polls `condition` until it holds or `timeout` passes; for state that offers
+/// nothing to wait on (table sizes, flags).
 inline bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 3s)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -43,7 +43,6 @@ struct slot {
     bool ready_within(std::chrono::milliseconds timeout) { return future.wait_for(timeout) == std::future_status::ready; }
 };
 
-/// Checks that `call` throws `Error` whose text is exactly `text`.
 template <typename Error, typename Call>
 void expect_thrown_text(Call&& call, const char* text)
 {
@@ -55,7 +54,6 @@ void expect_thrown_text(Call&& call, const char* text)
     }
 }
 
-/// Checks that `pending` ends, within a bound, with a broken promise.
 template <typename Future>
 void expect_broken_promise(Future& pending)
 {
@@ -72,20 +70,9 @@ void expect_broken_promise(Future& pending)
 inline std::string header_of(std::uint8_t type, std::uint32_t body_len, std::uint64_t req_id,
                              std::uint32_t func_id = 0)
 {
-    frame_header header;
-    header.frame_type = type;
-    header.body_len = body_len;
-    header.req_id = req_id;
-    header.func_id = func_id;
-    const header_bytes bytes = encode_header(header);
+    const header_bytes bytes = encode_header(frame_header{frame_magic, type, body_len, req_id, func_id});
     return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
-
-struct call_outcome {
-    std::error_code ec;
-    std::string body;
-    std::thread::id thread;
-};
 
 class service_test : public ::testing::Test {
 protected:
@@ -97,8 +84,8 @@ protected:
         service.bind("fail", [](const msgpack::object&) { return service_reply::failure(3, "no vehicle"); });
         service.bind("never", [](const msgpack::object&) { return service_reply::success(0); });
         service.withhold_answers("never");
-        // Tests stop and resume listening on this port, so it must be one no
-        // other socket is handed meanwhile. Another test may pick it too.
+        // Tests stop and resume listening on this port, so no other socket may
+        // be handed it meanwhile; another test may pick it too.
         for (int attempt = 0; attempt < 5 && port == 0; ++attempt) {
             try {
                 port = service.start(static_cast<unsigned short>(vlm::test::pickRestartablePort()));
@@ -108,7 +95,6 @@ protected:
         ASSERT_NE(port, 0);
     }
 
-    /// Frames of one type whose func_id is the id of `name`.
     std::vector<received_frame> frames_named(const std::string& name) const
     {
         std::vector<received_frame> matching;

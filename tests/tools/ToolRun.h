@@ -1,9 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,36 +12,11 @@ struct ToolResult {
     int exitCode = -1;
     std::string out;
     std::string err;
-    bool killed = false;  ///< it outlived its time-out and was killed
 };
 
-/// One run of a command-line program with its standard output and error in
-/// files of `dir`. The child gets /dev/null as input and dies with the test
-/// thread that started it. Not thread-safe: one test thread drives it.
-class ToolRun {
-public:
-    ToolRun(std::vector<std::string> args, const std::string& dir);
-    /// Kills and reaps it if it still runs.
-    ~ToolRun();
-    ToolRun(const ToolRun&) = delete;
-    ToolRun& operator=(const ToolRun&) = delete;
-
-    /// Waits up to `timeout` for it to end; kills it after that.
-    ToolResult finish(std::chrono::milliseconds timeout);
-    /// Sends `number` while it runs.
-    void signal(int number);
-    /// What it wrote on standard output so far.
-    std::string outputSoFar() const;
-
-private:
-    std::string outPath;
-    std::string errPath;
-    pid_t child = -1;
-    std::optional<int> status;
-};
-
-/// Runs the program to its end (at most `timeout`).
-ToolResult runTool(const std::vector<std::string>& args, const std::string& dir,
+/// Runs the program `args[0]` to its end, at most `timeout`, with its standard
+/// output and error kept apart in files of `dir`.
+ToolResult runTool(std::vector<std::string> args, const std::string& dir,
                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 } // namespace vlm::test
