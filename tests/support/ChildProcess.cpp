@@ -1,26 +1,23 @@
 #include "support/ChildProcess.h"
 
 #include "support/SpawnLogged.h"
+#include "support/TempDir.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include <Poco/DirectoryIterator.h>
+#include <Poco/Exception.h>
+
 namespace vlm::test {
-namespace {
-
-constexpr auto pollPause = std::chrono::milliseconds(20);
-
-} // namespace
 
 ChildProcess::ChildProcess(std::vector<std::string> args, std::string log, bool withInput) : logPath(std::move(log))
 {
@@ -30,18 +27,14 @@ ChildProcess::ChildProcess(std::vector<std::string> args, std::string log, bool 
     if (withInput && ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::runtime_error("no input channel for " + args.front());
     try {
-        child = spawnLogged(args, logPath, true, withInput ? ends[1] : -1);
+        child = spawnLogged(args, logPath, true, ends[1]);
     } catch (...) {
-        if (withInput) {
-            ::close(ends[0]);
-            ::close(ends[1]);
-        }
+        ::close(ends[0]);
+        ::close(ends[1]);
         throw;
     }
-    if (withInput) {
-        ::close(ends[1]);
-        input = ends[0];
-    }
+    ::close(ends[1]);
+    input = ends[0];
 }
 
 ChildProcess::~ChildProcess()
@@ -58,14 +51,12 @@ ChildProcess::~ChildProcess()
 
 bool ChildProcess::running()
 {
+    int s = 0;
     if (child <= 0 || status)
         return false;
-    int s = 0;
     const pid_t r = ::waitpid(child, &s, WNOHANG);
-    if (r == child) {
+    if (r == child)
         status = s;
-        return false;
-    }
     return r == 0;
 }
 
@@ -77,24 +68,19 @@ std::optional<std::string> ChildProcess::waitForLine(const std::string& prefix, 
         const bool alive = running();
         const std::string text = output();
         std::istringstream lines(from < text.size() ? text.substr(from) : std::string());
-        std::string line;
-        while (std::getline(lines, line)) {
+        for (std::string line; std::getline(lines, line);)
             if (line.compare(0, prefix.size(), prefix) == 0 && !lines.eof())
                 return line;
-        }
         if (!alive || std::chrono::steady_clock::now() >= deadline)
             return std::nullopt;
-        std::this_thread::sleep_for(pollPause);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
 bool ChildProcess::writeLine(const std::string& line)
 {
-    if (input < 0)
-        return false;
     const std::string text = line + "\n";
-    std::size_t written = 0;
-    while (written < text.size()) {
+    for (std::size_t written = 0; input >= 0 && written < text.size();) {
         const ssize_t n = ::send(input, text.data() + written, text.size() - written, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
@@ -102,7 +88,7 @@ bool ChildProcess::writeLine(const std::string& line)
             return false;
         written += static_cast<std::size_t>(n);
     }
-    return true;
+    return input >= 0;
 }
 
 void ChildProcess::signal(int number)
@@ -117,49 +103,29 @@ std::optional<int> ChildProcess::waitExit(std::chrono::milliseconds timeout)
     while (running()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return std::nullopt;
-        std::this_thread::sleep_for(pollPause);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return status;
 }
 
 std::string ChildProcess::output() const
 {
-    std::ifstream in(logPath);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::size_t ChildProcess::outputSize() const
-{
-    return output().size();
+    return TempDir::read(logPath);
 }
 
 std::vector<pid_t> childrenOf(pid_t parent)
 {
+    // Each thread of `parent` lists the children it started.
     std::vector<pid_t> children;
-    DIR* proc = ::opendir("/proc");
-    if (!proc)
-        return children;
-    while (const dirent* entry = ::readdir(proc)) {
-        char* end = nullptr;
-        const long pid = std::strtol(entry->d_name, &end, 10);
-        if (pid <= 0 || *end != '\0')
-            continue;
-        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-        std::string text;
-        std::getline(stat, text);
-        // "pid (comm) state ppid ...": the name may hold spaces and parentheses.
-        const auto close = text.rfind(')');
-        if (close == std::string::npos)
-            continue;
-        std::istringstream rest(text.substr(close + 1));
-        std::string state;
-        long ppid = 0;
-        if (rest >> state >> ppid && ppid == parent)
-            children.push_back(static_cast<pid_t>(pid));
+    try {
+        for (Poco::DirectoryIterator task("/proc/" + std::to_string(parent) + "/task"), end; task != end; ++task) {
+            std::ifstream list(task->path() + "/children");
+            for (pid_t pid = 0; list >> pid;)
+                children.push_back(pid);
+        }
+    } catch (const Poco::Exception&) {
+        // The parent has ended: it has no children.
     }
-    ::closedir(proc);
     return children;
 }
 
