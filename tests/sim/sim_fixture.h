@@ -1,7 +1,6 @@
 #pragma once
 
-// An in-process simulator on a loopback port with short intervals, and real
-// RPC clients whose events, with the simulator's log lines, are recorded.
+// An in-process simulator on loopback; real RPC clients whose events, and its log lines, are recorded.
 
 #include <gtest/gtest.h>
 
@@ -32,46 +31,31 @@ class event_recorder {
 public:
     void add(const std::string& topic, std::string_view data)
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            all_.emplace_back(topic, data);
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        all_.emplace_back(topic, data);
         changed_.notify_all();
     }
-    /// The recorder must outlive `client`.
     void subscribe(pilot_rpc::rpc_client& client, const std::string& topic)
     {
         client.subscribe(topic, [this, topic](std::string_view data) { add(topic, data); });
     }
-    std::vector<std::pair<std::string, std::string>> all()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return all_;
-    }
-    /// Texts of `topic` (containing `part`), once there are `count` of them or the wait is over.
-    std::vector<std::string> of(const std::string& topic, std::size_t count = 0, const std::string& part = "",
-                                std::chrono::milliseconds timeout = 3s)
+    /// Texts of `topic` (containing `part`) once there are `count` of them or 3 s are over;
+    /// "*": every event as "topic=text".
+    std::vector<std::string> of(const std::string& topic, std::size_t count = 0, const std::string& part = "")
     {
         std::vector<std::string> texts;
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, timeout, [&] {
+        changed_.wait_for(lock, 3s, [&] {
             texts.clear();
             for (const auto& [t, data] : all_)
-                if (t == topic && data.find(part) != std::string::npos)
+                if (topic == "*" && t != "log")
+                    texts.push_back(t + "=" + data);
+                else if (t == topic && data.find(part) != std::string::npos)
                     texts.push_back(data);
             return texts.size() >= count;
         });
         return texts;
     }
-    bool wait_for_count(const std::string& topic, std::size_t count, std::chrono::milliseconds timeout = 3s)
-    {
-        return of(topic, count, "", timeout).size() >= count;
-    }
-    bool wait_for_log(const std::string& part, std::chrono::milliseconds timeout = 3s)
-    {
-        return !of("log", 1, part, timeout).empty();
-    }
-
 private:
     std::mutex mutex_;  ///< guards all_
     std::condition_variable changed_;
@@ -80,7 +64,6 @@ private:
 
 class sim_fixture : public ::testing::Test {
 protected:
-    /// No telemetry unless a test asks.
     simulator_options quick_options()
     {
         simulator_options o;
@@ -100,8 +83,7 @@ protected:
         EXPECT_TRUE(client->connect("127.0.0.1", port, false, 3));
         return client;
     }
-    /// Returns once the simulator has the subscriptions: a connection's frames
-    /// are handled in order, so the answer to a later call proves they arrived.
+    /// Frames of a connection are handled in order: the answer proves the subscriptions arrived.
     std::unique_ptr<pilot_rpc::rpc_client> subscriber_to(std::initializer_list<const char*> topics)
     {
         auto client = connected_client();

@@ -9,14 +9,11 @@
 
 namespace vlm::test {
 
-/// One program run by a test, its standard output and error appended to a log
-/// file. Signalled only by its own process id; killed when the thread that
-/// started it ends (start it from the test's main thread) and, when still
-/// running, by the destructor. One test thread drives it.
+/// One program run by a test, its output appended to a log file. Signalled only by its own pid;
+/// killed when the thread that started it ends (use the test's main thread) or by the destructor.
 class ChildProcess {
 public:
-    /// Starts `argv[0]` (a path). With `withInput`, its standard input is a
-    /// channel `writeLine` feeds. Throws std::runtime_error when it cannot start.
+    /// Starts `argv[0]` (a path); with `withInput`, `writeLine` feeds its standard input.
     ChildProcess(std::vector<std::string> argv, std::string logPath, bool withInput = false);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -25,13 +22,11 @@ public:
     pid_t pid() const { return child; }
     /// Whether it still runs (reaps it when it has ended).
     bool running();
-    /// The first complete line starting with `prefix` at or after byte `from`
-    /// of the log; nothing when the time-out passed or the child ended first.
+    /// The first complete line starting with `prefix` at or after byte `from` of the log, if any in time.
     std::optional<std::string> waitForLine(const std::string& prefix, std::chrono::milliseconds timeout,
                                            std::size_t from = 0);
     /// False when there is no channel or the child has gone; never raises SIGPIPE.
     bool writeLine(const std::string& line);
-    /// Sends a signal while it runs.
     void signal(int number);
     /// Its wait status once it has ended, or nothing after `timeout`.
     std::optional<int> waitExit(std::chrono::milliseconds timeout);

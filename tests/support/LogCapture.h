@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,9 +15,8 @@
 
 namespace vlm::test {
 
-/// Records every line written to the host logger while it lives. The logger's
-/// channel is set once, before main, and never swapped: Poco reads it without
-/// a lock, so a swap while other threads log would free it under their feet.
+/// Records every line written to the host logger while it lives. The channel is
+/// set once before main: Poco reads it without a lock, so a swap could free it under a logging thread.
 class LogCapture {
 public:
     struct Line {
@@ -36,22 +36,19 @@ public:
         std::lock_guard<std::mutex> lock(recorder().mutex);
         return recorder().lines;
     }
-    /// Lines whose text is exactly `text` at `priority`.
     int count(const std::string& text, Poco::Message::Priority priority) const
     {
-        int n = 0;
-        for (const auto& line : lines())
-            n += (line.text == text && line.priority == priority) ? 1 : 0;
-        return n;
+        const auto all = lines();
+        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const Line& l) {
+            return l.text == text && l.priority == priority;
+        }));
     }
     int errors(const std::string& text) const { return count(text, Poco::Message::PRIO_ERROR); }
     int infos(const std::string& text) const { return count(text, Poco::Message::PRIO_INFORMATION); }
     bool contains(const std::string& part) const
     {
-        for (const auto& line : lines())
-            if (line.text.find(part) != std::string::npos)
-                return true;
-        return false;
+        const auto all = lines();
+        return std::any_of(all.begin(), all.end(), [&](const Line& l) { return l.text.find(part) != std::string::npos; });
     }
     void clear() { reset(true); }
 
@@ -95,12 +92,7 @@ private:
 
     static Recorder& recorder()
     {
-        // Never released: the logger keeps a reference for the whole process.
-        static Recorder* instance = [] {
-            auto* r = new Recorder;
-            r->duplicate();
-            return r;
-        }();
+        static auto* instance = new Recorder;  // never released: it records for the whole process
         return *instance;
     }
 };

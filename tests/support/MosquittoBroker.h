@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
 #include <string>
 
@@ -10,22 +8,15 @@
 
 namespace vlm::test {
 
-/// A real mosquitto broker for one test, on 127.0.0.1 only, without
-/// persistence. Its port is kept for its whole life, so `stop()` then
-/// `start()` brings it back on the same address knowing no session, as a
-/// restarted station broker would. A ChildProcess: drive it from one thread
-/// that outlives it.
+/// A real mosquitto broker for one test, on 127.0.0.1, without persistence. It keeps its port, so
+/// `stop()` then `start()` bring it back on the same address knowing no session, as a restarted
+/// station broker would. Drive it from one thread that outlives it.
 class MosquittoBroker {
 public:
     struct Options {
-        /// When set, only this user with `password` is let in.
-        std::string userName;
-        std::string password;
-        /// When both are set (PEM files), the listener speaks TLS only.
-        std::string tlsCertFile;
-        std::string tlsKeyFile;
-        /// Further lines for the listener, e.g. "tls_version tlsv1.3".
-        std::string listenerConfig;
+        std::string userName, password;        ///< when set, only this user is let in
+        std::string tlsCertFile, tlsKeyFile;   ///< PEM files; when set, the listener speaks TLS only
+        std::string listenerConfig;            ///< further listener lines, e.g. "tls_version tlsv1.3"
     };
 
     MosquittoBroker() : MosquittoBroker(Options{}) {}
@@ -39,12 +30,9 @@ public:
     void start();
     /// SIGTERM, then SIGKILL after a bound; reaps it. Nothing when not running.
     void stop();
-    /// SIGKILL at once, as a crash would.
-    void kill() { child.reset(); }
 
     bool running() const { return child != nullptr; }
     int port() const { return listenPort; }
-    pid_t pid() const { return child ? child->pid() : -1; }
     /// "127.0.0.1:<port>", the form the host configuration uses.
     std::string hostPort() const { return "127.0.0.1:" + std::to_string(listenPort); }
     /// "tcp://127.0.0.1:<port>", or "ssl://..." for a TLS listener.
