@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,13 +15,8 @@
 
 namespace vlm::test {
 
-/// Records every line written to the host logger while it lives, so a test can
-/// assert on exact log texts.
-///
-/// The logger's channel and level are set once, before main, and never changed
-/// again: Poco's logger reads its channel without a lock, so swapping it while
-/// pool or I/O threads log would free a channel under their feet. A capture
-/// only switches recording on and off.
+/// Records every line written to the host logger while it lives. The channel is
+/// set once before main: Poco reads it without a lock, so a swap could free it under a logging thread.
 class LogCapture {
 public:
     struct Line {
@@ -30,18 +26,8 @@ public:
         std::string logger;
     };
 
-    LogCapture()
-    {
-        std::lock_guard<std::mutex> lock(recorder().mutex);
-        recorder().lines.clear();
-        recorder().active = true;
-    }
-    ~LogCapture()
-    {
-        std::lock_guard<std::mutex> lock(recorder().mutex);
-        recorder().active = false;
-        recorder().lines.clear();
-    }
+    LogCapture() { reset(true); }
+    ~LogCapture() { reset(false); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -50,34 +36,22 @@ public:
         std::lock_guard<std::mutex> lock(recorder().mutex);
         return recorder().lines;
     }
-
-    /// Lines whose text is exactly `text` at the given priority.
     int count(const std::string& text, Poco::Message::Priority priority) const
     {
-        int n = 0;
-        for (const auto& line : lines())
-            n += (line.text == text && line.priority == priority) ? 1 : 0;
-        return n;
+        const auto all = lines();
+        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const Line& l) {
+            return l.text == text && l.priority == priority;
+        }));
     }
     int errors(const std::string& text) const { return count(text, Poco::Message::PRIO_ERROR); }
     int infos(const std::string& text) const { return count(text, Poco::Message::PRIO_INFORMATION); }
-
-    /// Whether any line contains `part`.
     bool contains(const std::string& part) const
     {
-        for (const auto& line : lines())
-            if (line.text.find(part) != std::string::npos)
-                return true;
-        return false;
+        const auto all = lines();
+        return std::any_of(all.begin(), all.end(), [&](const Line& l) { return l.text.find(part) != std::string::npos; });
     }
+    void clear() { reset(true); }
 
-    void clear()
-    {
-        std::lock_guard<std::mutex> lock(recorder().mutex);
-        recorder().lines.clear();
-    }
-
-    /// Installs the recording channel; runs once, before main.
     static bool install()
     {
         Poco::Logger& logger = Poco::Logger::get(logName());
@@ -87,8 +61,15 @@ public:
     }
 
 private:
-    // Records while a capture is active; otherwise passes warnings and worse
-    // on to standard error so a failing test still shows them.
+    void reset(bool active)
+    {
+        std::lock_guard<std::mutex> lock(recorder().mutex);
+        recorder().lines.clear();
+        recorder().active = active;
+    }
+
+    // Without a capture, passes warnings and worse on to standard error so a
+    // failing test still shows them.
     struct Recorder : Poco::Channel {
         void log(const Poco::Message& msg) override
         {
@@ -111,12 +92,7 @@ private:
 
     static Recorder& recorder()
     {
-        // Never released: the logger keeps a reference for the whole process.
-        static Recorder* instance = [] {
-            auto* r = new Recorder;
-            r->duplicate();
-            return r;
-        }();
+        static auto* instance = new Recorder;  // never released: it records for the whole process
         return *instance;
     }
 };

@@ -6,86 +6,41 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
-#include <Poco/Timespan.h>
 
 namespace vlm::test {
-namespace {
-
-const char* const brokerPath = "/usr/sbin/mosquitto";
-const char* const passwdToolPath = "/usr/bin/mosquitto_passwd";
-const char* const loopback = "127.0.0.1";
-
-} // namespace
-
-MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options{}) {}
 
 MosquittoBroker::MosquittoBroker(Options opts) : options(std::move(opts)), listenPort(pickRestartablePort())
 {
-    if (!options.userName.empty())
-        writePasswordFile();
-}
-
-MosquittoBroker::~MosquittoBroker()
-{
-    stop();
-}
-
-std::string MosquittoBroker::hostPort() const
-{
-    return std::string(loopback) + ":" + std::to_string(listenPort);
-}
-
-std::string MosquittoBroker::uri() const
-{
-    return (tls() ? "ssl://" : "tcp://") + hostPort();
-}
-
-std::string MosquittoBroker::output() const
-{
-    return TempDir::read(dir.file("mosquitto.log"));
-}
-
-void MosquittoBroker::writePasswordFile()
-{
-    ChildProcess tool({passwdToolPath, "-b", "-c", dir.file("passwd"), options.userName, options.password},
+    if (options.userName.empty())
+        return;
+    ChildProcess tool({"/usr/bin/mosquitto_passwd", "-b", "-c", dir.file("passwd"), options.userName, options.password},
                       dir.file("mosquitto_passwd.log"));
     const auto status = tool.waitExit(std::chrono::seconds(10));
-    if (!status)
-        throw std::runtime_error("mosquitto_passwd did not finish");
-    if (!WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
+    if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
         throw std::runtime_error("mosquitto_passwd failed: " + tool.output());
 }
 
 void MosquittoBroker::writeConfig()
 {
-    std::string config;
-    config += "listener " + std::to_string(listenPort) + " " + loopback + "\n";
-    if (tls()) {
-        config += "certfile " + options.tlsCertFile + "\n";
-        config += "keyfile " + options.tlsKeyFile + "\n";
-    }
+    std::string config = "listener " + std::to_string(listenPort) + " 127.0.0.1\n";
+    if (tls())
+        config += "certfile " + options.tlsCertFile + "\nkeyfile " + options.tlsKeyFile + "\n";
     if (!options.listenerConfig.empty())
         config += options.listenerConfig + "\n";
-    config += "persistence false\n";
-    config += "log_dest stderr\n";
-    config += "log_type error\nlog_type warning\nlog_type notice\n";
-    // As root, mosquitto would switch to its own user and could no longer read
-    // the files of this test's directory.
+    config += "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n";
+    // As root, mosquitto would switch to its own user and could no longer read this test's files.
     if (::geteuid() == 0)
         config += "user root\n";
-    if (options.userName.empty()) {
+    if (options.userName.empty())
         config += "allow_anonymous true\n";
-    } else {
-        config += "allow_anonymous false\n";
-        config += "password_file " + dir.file("passwd") + "\n";
-    }
+    else
+        config += "allow_anonymous false\npassword_file " + dir.file("passwd") + "\n";
     dir.write("mosquitto.conf", config);
 }
 
@@ -93,15 +48,16 @@ void MosquittoBroker::start()
 {
     if (running())
         return;
-    // The free port may be taken by someone else before mosquitto binds it; only the first start may move to another port, a restart must not.
+    // Someone may take the free port before mosquitto binds it; only the first
+    // start may move to another port, a restart must not.
     const int attempts = everStarted ? 1 : 3;
     for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (attempt > 0)
+            listenPort = pickRestartablePort();
         if (launch()) {
             everStarted = true;
             return;
         }
-        if (attempt + 1 < attempts)
-            listenPort = pickRestartablePort();
     }
     throw std::runtime_error("mosquitto did not start on port " + std::to_string(listenPort) + ": " + output());
 }
@@ -109,31 +65,19 @@ void MosquittoBroker::start()
 bool MosquittoBroker::launch()
 {
     writeConfig();
-    child = std::make_unique<ChildProcess>(std::vector<std::string>{brokerPath, "-c", dir.file("mosquitto.conf")},
+    child = std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", dir.file("mosquitto.conf")},
                                            dir.file("mosquitto.log"));
-    if (waitUntilAccepting())
-        return true;
-    stop();
-    return false;
-}
-
-bool MosquittoBroker::waitUntilAccepting()
-{
-    for (int attempt = 0; attempt < 100; ++attempt) {
+    for (int attempt = 0; attempt < 100 && child->running(); ++attempt) {
         try {
             Poco::Net::StreamSocket probe;
-            probe.connect(Poco::Net::SocketAddress(loopback, static_cast<Poco::UInt16>(listenPort)),
+            probe.connect(Poco::Net::SocketAddress("127.0.0.1", static_cast<Poco::UInt16>(listenPort)),
                           Poco::Timespan(0, 200000));
-            probe.close();
             return true;
         } catch (const Poco::Exception&) {
         }
-        if (!child->running()) {
-            child.reset();
-            return false;
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    stop();
     return false;
 }
 
@@ -144,11 +88,6 @@ void MosquittoBroker::stop()
     child->signal(SIGTERM);
     child->waitExit(std::chrono::seconds(3));
     child.reset();  // kills and reaps one that is still running
-}
-
-void MosquittoBroker::kill()
-{
-    child.reset();
 }
 
 } // namespace vlm::test

@@ -2,13 +2,8 @@
 
 namespace vlm::test {
 
-/// A loopback port that is free now and lies below the kernel's ephemeral
-/// range. The kernel never hands such a port to a client socket or to a
-/// bind to port 0, so a server that a test stops and starts again on it finds
-/// it free, where a port the kernel chose could meanwhile have become the
-/// local end of another test's connection. Chosen at random so that tests
-/// running side by side rarely try the same one; falls back to a port the
-/// kernel chooses.
+/// A free loopback port below the ephemeral range, which the kernel never hands to a client socket:
+/// a server stopped and started again finds it free. Random, so parallel tests rarely collide.
 int pickRestartablePort();
 
 } // namespace vlm::test

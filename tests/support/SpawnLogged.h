@@ -7,14 +7,9 @@
 
 namespace vlm::test {
 
-/// Starts `args[0]` (an absolute path) with `args`, its standard output and
-/// error appended to `logPath`. The child keeps no other descriptor of the
-/// test process: an inherited listener would go on accepting connections
-/// after the test closed it. With `dieWithParentThread` the child is killed
-/// when the thread that started it ends, so an aborted test leaves nothing
-/// behind. With `inputFd` (not -1) the child reads its standard input from
-/// that descriptor; otherwise it inherits the test's. Throws
-/// std::runtime_error when the log cannot be opened or fork fails.
+/// Starts `args[0]` (an absolute path), output appended to `logPath`, keeping no other descriptor
+/// of the test (an inherited listener would go on accepting after the test closed it). With
+/// `dieWithParentThread` it dies with the starting thread; `inputFd` (not -1) becomes its input.
 pid_t spawnLogged(const std::vector<std::string>& args, const std::string& logPath, bool dieWithParentThread,
                   int inputFd = -1);
 

@@ -27,9 +27,8 @@ public:
 
     std::string write(const std::string& name, const std::string& content) const
     {
-        const std::string p = file(name);
-        std::ofstream(p, std::ios::trunc) << content;
-        return p;
+        std::ofstream(file(name), std::ios::trunc) << content;
+        return file(name);
     }
 
     static std::string read(const std::string& p)
