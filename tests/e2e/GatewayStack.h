@@ -17,9 +17,7 @@
 namespace vlm::e2e {
 
 using test::ChildProcess;
-using test::childrenOf;
 
-/// Names every end-to-end test shares.
 inline constexpr const char* pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
 inline constexpr const char* topicGuid = "FBE242B9-B226-4401-A340-36ABD4D753AD";
 inline constexpr const char* stationSn = "station-e2e";
@@ -28,15 +26,12 @@ inline constexpr const char* pilotId = "SIM-UAV-0001";
 
 /// The ground command topic that addresses the vehicle; answers come back on it.
 std::string groundCommandTopic();
-/// The station's own topic: cloud commands and their answers, and the
-/// published telemetry and events.
+/// The station's own topic (cloud commands, answers, telemetry, events), of this stack's or of `sn`.
 std::string stationTopic();
-/// The same for the station `sn`.
 std::string stationTopicOf(const std::string& sn);
 
-/// The product as it runs on a station, all real processes on loopback
-/// ports the kernel chose: a mosquitto broker, the pilot-sim simulator and
-/// velmora-host with the built plug-in, configured to find each other.
+/// The product as it runs on a station, all real processes on loopback ports
+/// the kernel chose: mosquitto, pilot-sim and velmora-host with the built plug-in.
 class GatewayStack {
 public:
     struct Options {
@@ -45,9 +40,7 @@ public:
         double telemetryHz = 10;
         /// When set, the simulator takes control commands (`simCommand`).
         bool simControl = false;
-        /// The station's id; a fleet of stacks needs one each.
         std::string stationSn = e2e::stationSn;
-        /// Further simulator arguments (e.g. "--stamp-publish-time").
         std::vector<std::string> simArgs{};
         /// Further lines for the station broker's configuration.
         std::string brokerConfig{};
@@ -55,41 +48,32 @@ public:
 
     explicit GatewayStack(Options options);
     GatewayStack();
-    /// Kills what still runs.
     ~GatewayStack();
 
-    /// Broker, simulator, host, in that order; returns when the host reports
-    /// its plug-ins started. Throws std::runtime_error with the reason.
+    /// Broker, simulator, host; returns when the host reports its plug-in
+    /// started. Throws std::runtime_error with the reason.
     void start();
-
     /// Starts the simulator on `port` (0: any); returns the port it listens on.
     std::uint16_t startSim(std::uint16_t port = 0);
     void killSim();
-
-    /// Hands the simulator one control command line (needs `simControl`);
-    /// false when it could not be written. The reply goes to its log.
+    /// Hands the simulator one control command line (needs `simControl`).
     bool simCommand(const std::string& line);
-
     void startHost();
-
-    /// Writes the host configuration and returns its path.
-    std::string writeHostConfig();
+    /// velmora-host with `args`, run with a HOME (its backup folder) and a
+    /// hangar file of the stack's own, so that no test touches the user's.
+    std::vector<std::string> hostCommand(const std::vector<std::string>& args) const;
+    std::string configFile() const { return dir.file("velmora-host.json"); }
 
     /// The call with the token added when the stack has one.
     test::HttpAnswer http(test::HttpCall call) const;
-
-    /// GET /host/health, parsed; null when it does not answer 200 with JSON.
+    /// GET /host/health, parsed; null unless it answers 200 with JSON.
     Poco::JSON::Object::Ptr health() const;
-
     /// The plug-in's service link as health reports it ("" when unknown).
     std::string serviceLink() const;
-
-    /// Whether health reports the host's MQTT link up.
     bool mqttConnected() const;
 
     /// Polls `condition` every 50 ms until it holds or `timeout` passes.
     static bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
-
     /// What each process wrote, for a failing test's output.
     std::string diagnostics() const;
 
@@ -102,10 +86,7 @@ public:
     std::uint16_t httpPort = 0;
 };
 
-/// The path of a program under test; fails with a clear reason when it was not built.
+/// The path of a program under test; throws with a clear reason when it was not built.
 std::string programPath(const char* built, const char* what);
-
-/// The built velmora-host.
-std::string hostProgram();
 
 } // namespace vlm::e2e

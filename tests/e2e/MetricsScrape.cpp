@@ -2,11 +2,11 @@
 
 #include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+
+#include "support/TempDir.h"
 
 namespace vlm::e2e {
 
@@ -38,23 +38,12 @@ std::optional<double> sampleValue(const std::string& scrape, const std::string& 
 
 PromtoolVerdict checkWithPromtool(const std::string& scrape, const std::string& dir)
 {
-    PromtoolVerdict verdict;
     if (std::system("command -v promtool >/dev/null 2>&1") != 0)
-        return verdict;
-    verdict.ran = true;
-    const std::string path = dir + "/scrape.txt";
-    std::ofstream(path) << scrape;
-    FILE* pipe = ::popen(("promtool check metrics < '" + path + "' 2>&1").c_str(), "r");
-    if (!pipe)
-        return verdict;
-    std::array<char, 4096> buffer{};
-    std::size_t read = 0;
-    // Bounded: promtool's verdict is a few lines.
-    while (verdict.output.size() < (1 << 20) && (read = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        verdict.output.append(buffer.data(), read);
-    const int status = ::pclose(pipe);
-    verdict.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return verdict;
+        return {};
+    std::ofstream(dir + "/scrape.txt") << scrape;
+    const int status =
+        std::system(("promtool check metrics < '" + dir + "/scrape.txt' > '" + dir + "/promtool.txt' 2>&1").c_str());
+    return {true, WIFEXITED(status) ? WEXITSTATUS(status) : -1, test::TempDir::read(dir + "/promtool.txt")};
 }
 
 } // namespace vlm::e2e

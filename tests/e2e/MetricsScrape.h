@@ -22,7 +22,7 @@ struct PromtoolVerdict {
     std::string output;
 };
 
-/// Runs `promtool check metrics` on the text (through a file in `dir`).
+/// Runs `promtool check metrics` on the text (through files in `dir`).
 PromtoolVerdict checkWithPromtool(const std::string& scrape, const std::string& dir);
 
 } // namespace vlm::e2e
