@@ -53,9 +53,8 @@ protected:
                R"(","msgId":")" + msgId + R"(","message":{}})";
     }
 
-    /// A telemetry stream that has shown a sample; null when none came within
-    /// the bound. Until the simulator has reported the vehicle the stream is
-    /// refused with 4001, so it is opened again.
+    /// A telemetry stream that has shown a sample, opened again while it is
+    /// refused with 4001 (until the vehicle is reported); null after the bound.
     std::unique_ptr<EventStream> telemetryStream()
     {
         std::unique_ptr<EventStream> stream;
@@ -69,10 +68,8 @@ protected:
         return shown ? std::move(stream) : nullptr;
     }
 
-    /// Publishes the request `api` as `msgId` on `topic` until its answer with
-    /// code 200 comes back there (the vehicle is reported, and the host's
-    /// subscriptions restored, a little after a start). The last answer, or
-    /// nothing within the bound.
+    /// Publishes the request until its answer with code 200 comes back on
+    /// `topic` (the vehicle is reported a little after a start); the last answer.
     static std::optional<MqttProbe::Message> mqttAnswer(MqttProbe& app, const std::string& topic,
                                                         const std::string& api, const std::string& msgId)
     {

@@ -2,12 +2,12 @@
 #include "support/RestartablePort.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <stdexcept>
 #include <thread>
 
-#include <Poco/JSON/Parser.h>
+#include <Poco/File.h>
+#include <Poco/JSON/Query.h>
 #include <Poco/UTF8String.h>
 
 namespace vlm::e2e {
@@ -27,16 +27,6 @@ std::string tail(const std::string& text, std::size_t bytes = 6000)
 
 } // namespace
 
-std::string groundCommandTopic()
-{
-    return std::string("/velmora/pilot/") + topicGuid + "/" + pilotId + "/cmd";
-}
-
-std::string stationTopic()
-{
-    return stationTopicOf(stationSn);
-}
-
 std::string stationTopicOf(const std::string& sn)
 {
     return std::string("/velmora/pilot/") + topicGuid + "/" + sn + "/cmd";
@@ -44,8 +34,7 @@ std::string stationTopicOf(const std::string& sn)
 
 std::string programPath(const char* built, const char* what)
 {
-    struct stat info {};
-    if (!built || !*built || ::stat(built, &info) != 0)
+    if (!built || !*built || !Poco::File(built).exists())
         throw std::runtime_error(std::string(what) + " is not built (expected at \"" + (built ? built : "") +
                                  "\"); the end-to-end tests need it: build the whole tree");
     return built;
@@ -161,27 +150,24 @@ Poco::JSON::Object::Ptr GatewayStack::health() const
 std::string GatewayStack::serviceLink() const
 {
     const auto report = health();
-    if (!report || !report->getArray("plugins") || report->getArray("plugins")->size() != 1)
-        return "";
-    return report->getArray("plugins")->getObject(0)->getObject("service")->getValue<std::string>("link");
+    return report ? Poco::JSON::Query(report).findValue("plugins[0].service.link", "") : "";
 }
 
 bool GatewayStack::mqttConnected() const
 {
     const auto report = health();
-    return report && report->getObject("mqtt")->getValue<bool>("connected");
+    return report && Poco::JSON::Query(report).findValue("mqtt.connected", false);
 }
 
 bool GatewayStack::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (condition())
-            return true;
+    while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    return true;
 }
 
 std::string GatewayStack::diagnostics() const

@@ -24,14 +24,14 @@ inline constexpr const char* stationSn = "station-e2e";
 /// The simulator's vehicle unless its settings say otherwise.
 inline constexpr const char* pilotId = "SIM-UAV-0001";
 
-/// The ground command topic that addresses the vehicle; answers come back on it.
-std::string groundCommandTopic();
-/// The station's own topic (cloud commands, answers, telemetry, events), of this stack's or of `sn`.
-std::string stationTopic();
+/// The station's own topic (cloud commands, answers, telemetry, events) of `sn`.
 std::string stationTopicOf(const std::string& sn);
+inline std::string stationTopic() { return stationTopicOf(stationSn); }
+/// The ground command topic that addresses the vehicle; answers come back on it.
+inline std::string groundCommandTopic() { return stationTopicOf(pilotId); }
 
-/// The product as it runs on a station, all real processes on loopback ports
-/// the kernel chose: mosquitto, pilot-sim and velmora-host with the built plug-in.
+/// The product as it runs on a station: mosquitto, pilot-sim and velmora-host
+/// with the built plug-in, on loopback ports the kernel chose.
 class GatewayStack {
 public:
     struct Options {
@@ -50,8 +50,7 @@ public:
     GatewayStack();
     ~GatewayStack();
 
-    /// Broker, simulator, host; returns when the host reports its plug-in
-    /// started. Throws std::runtime_error with the reason.
+    /// Returns when the host reports its plug-in started; throws with the reason.
     void start();
     /// Starts the simulator on `port` (0: any); returns the port it listens on.
     std::uint16_t startSim(std::uint16_t port = 0);
@@ -66,7 +65,6 @@ public:
 
     /// The call with the token added when the stack has one.
     test::HttpAnswer http(test::HttpCall call) const;
-    /// GET /host/health, parsed; null unless it answers 200 with JSON.
     Poco::JSON::Object::Ptr health() const;
     /// The plug-in's service link as health reports it ("" when unknown).
     std::string serviceLink() const;
@@ -74,7 +72,6 @@ public:
 
     /// Polls `condition` every 50 ms until it holds or `timeout` passes.
     static bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
-    /// What each process wrote, for a failing test's output.
     std::string diagnostics() const;
 
     const Options options;

@@ -35,17 +35,16 @@ public:
     MqttProbe(const MqttProbe&) = delete;
     MqttProbe& operator=(const MqttProbe&) = delete;
 
-    /// Subscribes and waits for the broker's acknowledgement.
     void subscribe(const std::string& topic, int qos = 0);
 
-    /// Publishes (QoS 0) and waits until it is written; throws when it was not.
+    /// QoS 0, waited for; throws when it was not written.
     void publish(const std::string& topic, const std::string& payload);
 
     /// The first message since construction or clear() that `match` accepts, waited for.
     std::optional<Message> waitFor(const std::function<bool(const Message&)>& match,
                                    std::chrono::milliseconds timeout);
 
-    /// How many messages `match` accepts right now.
+    /// How many messages `match` accepts right now, visited in arrival order.
     std::size_t count(const std::function<bool(const Message&)>& match);
 
     void clear();

@@ -2,8 +2,6 @@
 // restarted, the station's broker restarted, and the host stopped by a
 // signal while clients hold streams open.
 
-#include <iostream>
-
 #include "e2e/E2eTest.h"
 
 namespace vlm::e2e {
@@ -25,12 +23,8 @@ TEST_F(ResilienceTest, SimulatorRestartedThePluginReconnectsAndSigintStillStopsT
     EXPECT_EQ(whileDown.body.find("\"code\":200"), std::string::npos) << whileDown.body;
 
     ASSERT_EQ(stack.startSim(port), port);
-    const auto listening = std::chrono::steady_clock::now();
     // The plug-in's RPC clients retry once a second; the rest is slack.
     ASSERT_TRUE(GatewayStack::waitUntil([&] { return stack.serviceLink() == "up"; }, std::chrono::seconds(4)));
-    std::cout << "plug-in link up "
-              << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - listening).count()
-              << " ms after the simulator listened again\n";
     EXPECT_TRUE(GatewayStack::waitUntil(
         [&] {
             const auto answer = stack.http(test::post("/index/api/pilot/getConfig", request("getConfig", "r1")));
@@ -40,17 +34,11 @@ TEST_F(ResilienceTest, SimulatorRestartedThePluginReconnectsAndSigintStillStopsT
     // The stream that stayed open carries the new simulator's telemetry.
     EXPECT_FALSE(stream->nextData("\"seq\"", eventBound).empty());
 
-    EventStream tap(stack.httpPort, "/host/bus");
-    ASSERT_EQ(tap.contentType(), "text/event-stream");
-    const pid_t hostPid = stack.host->pid();
     stack.host->signal(SIGINT);
     const auto status = stack.host->waitExit(std::chrono::seconds(5));
     ASSERT_TRUE(status && WIFEXITED(*status)) << "velmora-host still runs 5 s after SIGINT";
     EXPECT_EQ(WEXITSTATUS(*status), 0);
     EXPECT_TRUE(stack.host->waitForLine("velmora-host stopped", std::chrono::seconds(0)));
-    EXPECT_TRUE(test::childrenOf(hostPid).empty());
-    // It stopped what it started and nothing else.
-    EXPECT_TRUE(stack.sim->running());
 }
 
 TEST_F(ResilienceTest, BrokerRestartedMqttCommandsWorkAgain)
