@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <istream>
-#include <memory>
 #include <string>
 
 #include <Poco/Net/HTTPClientSession.h>

@@ -35,15 +35,12 @@ inline std::string groundCommandTopic() { return stationTopicOf(pilotId); }
 class GatewayStack {
 public:
     struct Options {
-        /// When set, the host requires "Authorization: Bearer <token>".
-        std::string token;
+        std::string token;  // when set, the host requires "Authorization: Bearer <token>"
         double telemetryHz = 10;
-        /// When set, the simulator takes control commands (`simCommand`).
-        bool simControl = false;
+        bool simControl = false;  // the simulator takes `simCommand` lines
         std::string stationSn = e2e::stationSn;
         std::vector<std::string> simArgs{};
-        /// Further lines for the station broker's configuration.
-        std::string brokerConfig{};
+        std::string brokerConfig{};  // further lines of the broker's configuration
     };
 
     explicit GatewayStack(Options options);
@@ -52,7 +49,7 @@ public:
 
     /// Returns when the host reports its plug-in started; throws with the reason.
     void start();
-    /// Starts the simulator on `port` (0: any); returns the port it listens on.
+    /// Starts the simulator on `port` (0: any); returns the port.
     std::uint16_t startSim(std::uint16_t port = 0);
     void killSim();
     /// Hands the simulator one control command line (needs `simControl`).

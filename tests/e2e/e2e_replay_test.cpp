@@ -2,8 +2,6 @@
 // another simulator reaches ground apps through the host and the plug-in:
 // the station's topic carries the recorded samples in order.
 
-#include <regex>
-
 #include <Poco/JSON/Parser.h>
 
 #include "e2e/E2eTest.h"
@@ -13,11 +11,11 @@
 namespace vlm::e2e {
 namespace {
 
-/// The "seq" of a telemetry text, -1 when it has none.
-long long seqOf(const std::string& text)
+/// The "seq" of a telemetry sample, given as its text or inside an envelope's "message".
+long long seqOf(const std::string& text, bool inEnvelope = false)
 {
-    std::smatch match;
-    return std::regex_search(text, match, std::regex(R"("seq"\s*:\s*(\d+))")) ? std::stoll(match[1]) : -1;
+    const auto object = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
+    return (inEnvelope ? object->getObject("message") : object)->getValue<long long>("seq");
 }
 
 class ReplayTest : public E2eTest {
@@ -63,10 +61,8 @@ TEST_F(ReplayTest, TheReplayedTelemetryIsPublishedInRecordedOrder)
         << ground.count(isTelemetry) << " of " << wanted;
     std::vector<long long> published;
     ground.count([&](const MqttProbe::Message& m) {
-        if (isTelemetry(m)) {
-            const auto envelope = Poco::JSON::Parser().parse(m.payload).extract<Poco::JSON::Object::Ptr>();
-            published.push_back(envelope->getObject("message")->getValue<long long>("seq"));
-        }
+        if (isTelemetry(m))
+            published.push_back(seqOf(m.payload, true));
         return false;  // only read, in arrival order
     });
     const auto start = std::find(published.begin(), published.end(), recorded.front());

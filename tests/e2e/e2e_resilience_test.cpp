@@ -1,6 +1,5 @@
-// The gateway when things around it come and go: the simulator killed and
-// restarted, the station's broker restarted, and the host stopped by a
-// signal while clients hold streams open.
+// The gateway when its service comes and goes: the simulator killed and
+// restarted under an open stream, then the host stopped by a signal.
 
 #include "e2e/E2eTest.h"
 
@@ -13,8 +12,6 @@ TEST_F(ResilienceTest, SimulatorRestartedThePluginReconnectsAndSigintStillStopsT
 {
     const auto stream = telemetryStream();
     ASSERT_TRUE(stream);
-    ASSERT_EQ(stack.serviceLink(), "up");
-    const std::uint16_t port = stack.simPort;
     stack.killSim();
 
     ASSERT_TRUE(GatewayStack::waitUntil([&] { return stack.serviceLink() != "up"; }, eventBound));
@@ -22,7 +19,7 @@ TEST_F(ResilienceTest, SimulatorRestartedThePluginReconnectsAndSigintStillStopsT
     EXPECT_EQ(whileDown.status, 200);
     EXPECT_EQ(whileDown.body.find("\"code\":200"), std::string::npos) << whileDown.body;
 
-    ASSERT_EQ(stack.startSim(port), port);
+    stack.startSim(stack.simPort);  // the same port: the plug-in knows no other
     // The plug-in's RPC clients retry once a second; the rest is slack.
     ASSERT_TRUE(GatewayStack::waitUntil([&] { return stack.serviceLink() == "up"; }, std::chrono::seconds(4)));
     EXPECT_TRUE(GatewayStack::waitUntil(
@@ -39,23 +36,6 @@ TEST_F(ResilienceTest, SimulatorRestartedThePluginReconnectsAndSigintStillStopsT
     ASSERT_TRUE(status && WIFEXITED(*status)) << "velmora-host still runs 5 s after SIGINT";
     EXPECT_EQ(WEXITSTATUS(*status), 0);
     EXPECT_TRUE(stack.host->waitForLine("velmora-host stopped", std::chrono::seconds(0)));
-}
-
-TEST_F(ResilienceTest, BrokerRestartedMqttCommandsWorkAgain)
-{
-    {
-        MqttProbe app(stack.broker.uri(), "e2e-before-restart");
-        app.subscribe(groundCommandTopic());
-        ASSERT_TRUE(answeredOk(mqttAnswer(app, groundCommandTopic(), "getConfig", "before")));
-    }
-    stack.broker.stop();
-    ASSERT_TRUE(GatewayStack::waitUntil([&] { return !stack.mqttConnected(); }, eventBound));
-    stack.broker.start();
-    ASSERT_TRUE(GatewayStack::waitUntil([&] { return stack.mqttConnected(); }, std::chrono::seconds(15)));
-
-    MqttProbe app(stack.broker.uri(), "e2e-after-restart");
-    app.subscribe(groundCommandTopic());
-    EXPECT_TRUE(answeredOk(mqttAnswer(app, groundCommandTopic(), "getConfig", "after")));
 }
 
 } // namespace
