@@ -18,8 +18,6 @@ std::string bridgeConfig(const std::vector<CloudBroker::Bridge>& bridges)
 
 } // namespace
 
-CloudBroker::CloudBroker(const std::string& stationHostPort) : CloudBroker(std::vector<Bridge>{{stationHostPort}}) {}
-
 CloudBroker::CloudBroker(const std::vector<Bridge>& bridges)
     : broker(test::MosquittoBroker::Options{"", "", "", "", bridgeConfig(bridges)})
 {

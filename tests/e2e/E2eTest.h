@@ -13,12 +13,11 @@
 
 namespace vlm::e2e {
 
-/// Bounds of the waits in the end-to-end tests: generous, because they only
-/// end a test that has already failed.
+/// Generous: a wait that runs out only ends a test that has already failed.
 inline constexpr auto eventBound = std::chrono::seconds(10);
 
-/// A test with the whole stack started; a failing test prints what every
-/// process wrote.
+/// A test with the whole stack started; it ends with an orderly stop of the
+/// host, which must still work, and a failing test prints what every process wrote.
 class E2eTest : public ::testing::Test {
 protected:
     explicit E2eTest(GatewayStack::Options options = {}) : stack(std::move(options)) {}
@@ -32,21 +31,16 @@ protected:
         }
     }
 
-    /// Every scenario ends with an orderly stop of the host, which must still
-    /// work, and a look for sanitizer reports in what it wrote.
     void TearDown() override
     {
         if (stack.host && stack.host->running()) {
             stack.host->signal(SIGTERM);
             const auto status = stack.host->waitExit(std::chrono::seconds(10));
-            EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-                << "velmora-host did not stop cleanly after the test";
+            EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "velmora-host did not stop cleanly";
         }
-        if (stack.host) {
-            const std::string output = stack.host->output();
-            EXPECT_EQ(output.find("Sanitizer"), std::string::npos);
-            EXPECT_EQ(output.find("runtime error:"), std::string::npos);
-        }
+        const std::string output = stack.host ? stack.host->output() : "";
+        EXPECT_EQ(output.find("Sanitizer"), std::string::npos);
+        EXPECT_EQ(output.find("runtime error:"), std::string::npos);
         if (HasFailure())
             std::cout << stack.diagnostics();
     }
@@ -58,33 +52,25 @@ protected:
                R"(","msgId":")" + msgId + R"(","message":{}})";
     }
 
-    /// A telemetry stream that has shown a sample, its data in `first`; null
-    /// when none came within the bound. Until the simulator has reported the
-    /// vehicle, the stream is refused with 4001, so it is opened again.
-    std::unique_ptr<EventStream> telemetryStream(std::string* first = nullptr)
+    /// A telemetry stream that has shown a sample, opened again while it is
+    /// refused with 4001 (until the vehicle is reported); null after the bound.
+    std::unique_ptr<EventStream> telemetryStream()
     {
         std::unique_ptr<EventStream> stream;
-        std::string sample;
         const bool shown = GatewayStack::waitUntil(
             [&] {
                 stream = std::make_unique<EventStream>(stack.httpPort, "/index/api/pilot/pushTelemetry",
                                                        stack.options.token);
-                return stream->contentType() == "text/event-stream" &&
-                       !(sample = stream->nextData("\"seq\"", eventBound)).empty();
+                return stream->contentType() == "text/event-stream" && !stream->nextData("\"seq\"", eventBound).empty();
             },
             eventBound);
-        if (first)
-            *first = sample;
         return shown ? std::move(stream) : nullptr;
     }
 
-    /// Publishes the request `api` as `msgId` on `topic` until its answer comes
-    /// back there, with code 200 unless `anyCode`: the vehicle is reported,
-    /// and the host's subscriptions restored, a little after a start. The last
-    /// answer (maybe with another code), or nothing within the bound.
+    /// Publishes the request until its answer with code 200 comes back on
+    /// `topic` (the vehicle is reported a little after a start); the last answer, maybe with another code.
     static std::optional<MqttProbe::Message> mqttAnswer(MqttProbe& app, const std::string& topic,
-                                                        const std::string& api, const std::string& msgId,
-                                                        bool anyCode = false)
+                                                        const std::string& api, const std::string& msgId)
     {
         std::optional<MqttProbe::Message> answer;
         GatewayStack::waitUntil(
@@ -96,15 +82,10 @@ protected:
                         return hasText(m.payload, "msgId", msgId) && hasText(m.payload, "type", "response");
                     },
                     std::chrono::seconds(2));
-                return answer && (anyCode || answer->payload.find("\"code\":200") != std::string::npos);
+                return answer && answer->payload.find("\"code\":200") != std::string::npos;
             },
             eventBound);
         return answer;
-    }
-
-    static bool answeredOk(const std::optional<MqttProbe::Message>& answer)
-    {
-        return answer && answer->payload.find("\"code\":200") != std::string::npos;
     }
 
     GatewayStack stack;

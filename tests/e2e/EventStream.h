@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <istream>
-#include <memory>
 #include <string>
 
 #include <Poco/Net/HTTPClientSession.h>
@@ -27,7 +26,6 @@ public:
         in = &session.receiveResponse(response);
     }
 
-    int status() const { return response.getStatus(); }
     std::string contentType() const { return response.getContentType(); }
 
     /// The next line; false when the stream ended or a read timed out.
@@ -40,35 +38,15 @@ public:
         }
     }
 
-    /// The next block up to its blank line; "" when the stream ended or a read
-    /// timed out.
-    std::string nextBlock()
-    {
-        std::string block;
-        std::string line;
-        try {
-            while (std::getline(*in, line)) {
-                if (line.empty())
-                    return block;
-                block += line + "\n";
-            }
-        } catch (const std::exception&) {
-        }
-        return "";
-    }
-
-    /// The data of the next block that carries a "data:" line and contains
-    /// `part`; "" when none came within `timeout` (checked between blocks).
+    /// The data of the next "data:" line containing `part`; "" when none came
+    /// within `timeout` (checked between lines).
     std::string nextData(const std::string& part, std::chrono::milliseconds timeout)
     {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            const std::string block = nextBlock();
-            if (block.empty())
-                return "";
-            const auto data = block.find("data: ");
-            if (data != std::string::npos && block.find(part, data) != std::string::npos)
-                return block.substr(data + 6, block.find('\n', data) - data - 6);
+        std::string line;
+        while (std::chrono::steady_clock::now() < deadline && nextLine(line)) {
+            if (line.rfind("data: ", 0) == 0 && line.find(part) != std::string::npos)
+                return line.substr(6);
         }
         return "";
     }

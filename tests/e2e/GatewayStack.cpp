@@ -2,13 +2,13 @@
 #include "support/RestartablePort.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
-#include <Poco/JSON/Parser.h>
+#include <Poco/File.h>
+#include <Poco/JSON/Query.h>
+#include <Poco/UTF8String.h>
 
 namespace vlm::e2e {
 namespace {
@@ -25,27 +25,7 @@ std::string tail(const std::string& text, std::size_t bytes = 6000)
     return text.size() <= bytes ? text : "..." + text.substr(text.size() - bytes);
 }
 
-std::string jsonString(const std::string& text)
-{
-    Poco::JSON::Object holder;
-    holder.set("v", text);
-    std::ostringstream out;
-    holder.stringify(out);
-    const std::string s = out.str();
-    return s.substr(5, s.size() - 6);
-}
-
 } // namespace
-
-std::string groundCommandTopic()
-{
-    return std::string("/velmora/pilot/") + topicGuid + "/" + pilotId + "/cmd";
-}
-
-std::string stationTopic()
-{
-    return stationTopicOf(stationSn);
-}
 
 std::string stationTopicOf(const std::string& sn)
 {
@@ -54,16 +34,10 @@ std::string stationTopicOf(const std::string& sn)
 
 std::string programPath(const char* built, const char* what)
 {
-    struct stat info {};
-    if (!built || !*built || ::stat(built, &info) != 0)
+    if (!built || !*built || !Poco::File(built).exists())
         throw std::runtime_error(std::string(what) + " is not built (expected at \"" + (built ? built : "") +
                                  "\"); the end-to-end tests need it: build the whole tree");
     return built;
-}
-
-std::string hostProgram()
-{
-    return programPath(VELMORA_HOST_BIN, "velmora-host");
 }
 
 GatewayStack::GatewayStack(Options opts)
@@ -123,11 +97,12 @@ bool GatewayStack::simCommand(const std::string& line)
     return sim && sim->writeLine(line);
 }
 
-std::string GatewayStack::writeHostConfig()
+void GatewayStack::startHost()
 {
+    host.reset();
     std::string http = R"("address": "127.0.0.1", "port": 0, "threads": 128)";
     if (!options.token.empty())
-        http += R"(, "token": )" + jsonString(options.token);
+        http += R"(, "token": ")" + Poco::UTF8::escape(options.token) + '"';
     const std::string text = R"({
   "http": {)" + http + R"(},
   "mqtt": {"server_uri": ")" + broker.hostPort() + R"(", "user_name": "", "pawsswd": "", "client_id": "velmora-host-e2e"},
@@ -136,22 +111,23 @@ std::string GatewayStack::writeHostConfig()
                "service_port": )" + std::to_string(simPort) + R"(, "service_wait_seconds": 5}],
   "log": {"level": "information", "file": ")" + dir.file("host.log") + R"("}
 })";
-    return dir.write("velmora-host.json", text);
-}
-
-void GatewayStack::startHost()
-{
-    host.reset();
-    const std::string config = writeHostConfig();
-    host = std::make_unique<ChildProcess>(
-        std::vector<std::string>{hostProgram(), "--config", config},
-        dir.file("host.out"));
+    dir.write("velmora-host.json", text);
+    host = std::make_unique<ChildProcess>(hostCommand({"--config", configFile()}), dir.file("host.out"));
     const auto listening = host->waitForLine("velmora-host listening on http://", startBound);
     if (!listening)
         throw std::runtime_error("velmora-host did not start:\n" + diagnostics());
     httpPort = portAfterLastColon(*listening);
     if (!host->waitForLine("velmora-host ready: 1 of 1 plug-in(s) started", startBound))
         throw std::runtime_error("velmora-host did not start its plug-in:\n" + diagnostics());
+}
+
+std::vector<std::string> GatewayStack::hostCommand(const std::vector<std::string>& args) const
+{
+    std::vector<std::string> argv{"/usr/bin/env", "-u", "XDG_CONFIG_HOME", "HOME=" + dir.file("home"),
+                                  "VELMORA_TEST_HANGAR_FILE=" + dir.file("hangarComConfig.json"),
+                                  programPath(VELMORA_HOST_BIN, "velmora-host")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
 }
 
 test::HttpAnswer GatewayStack::http(test::HttpCall call) const
@@ -174,27 +150,24 @@ Poco::JSON::Object::Ptr GatewayStack::health() const
 std::string GatewayStack::serviceLink() const
 {
     const auto report = health();
-    if (!report || !report->getArray("plugins") || report->getArray("plugins")->size() != 1)
-        return "";
-    return report->getArray("plugins")->getObject(0)->getObject("service")->getValue<std::string>("link");
+    return report ? Poco::JSON::Query(report).findValue("plugins[0].service.link", "") : "";
 }
 
 bool GatewayStack::mqttConnected() const
 {
     const auto report = health();
-    return report && report->getObject("mqtt")->getValue<bool>("connected");
+    return report && Poco::JSON::Query(report).findValue("mqtt.connected", false);
 }
 
 bool GatewayStack::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (condition())
-            return true;
+    while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    return true;
 }
 
 std::string GatewayStack::diagnostics() const

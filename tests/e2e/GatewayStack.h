@@ -17,80 +17,58 @@
 namespace vlm::e2e {
 
 using test::ChildProcess;
-using test::childrenOf;
 
-/// Names every end-to-end test shares.
 inline constexpr const char* pilotGuid = "{D639B3D5-A951-4BC7-A629-91255EBF9638}";
 inline constexpr const char* topicGuid = "FBE242B9-B226-4401-A340-36ABD4D753AD";
 inline constexpr const char* stationSn = "station-e2e";
 /// The simulator's vehicle unless its settings say otherwise.
 inline constexpr const char* pilotId = "SIM-UAV-0001";
 
-/// The ground command topic that addresses the vehicle; answers come back on it.
-std::string groundCommandTopic();
-/// The station's own topic: cloud commands and their answers, and the
-/// published telemetry and events.
-std::string stationTopic();
-/// The same for the station `sn`.
+/// The station's own topic (cloud commands, answers, telemetry, events) of `sn`.
 std::string stationTopicOf(const std::string& sn);
+inline std::string stationTopic() { return stationTopicOf(stationSn); }
+/// The ground command topic that addresses the vehicle; answers come back on it.
+inline std::string groundCommandTopic() { return stationTopicOf(pilotId); }
 
-/// The product as it runs on a station, all real processes on loopback
-/// ports the kernel chose: a mosquitto broker, the pilot-sim simulator and
-/// velmora-host with the built plug-in, configured to find each other.
+/// The product as it runs on a station: mosquitto, pilot-sim and velmora-host
+/// with the built plug-in, on loopback ports the kernel chose.
 class GatewayStack {
 public:
     struct Options {
-        /// When set, the host requires "Authorization: Bearer <token>".
-        std::string token;
+        std::string token;  // when set, the host requires "Authorization: Bearer <token>"
         double telemetryHz = 10;
-        /// When set, the simulator takes control commands (`simCommand`).
-        bool simControl = false;
-        /// The station's id; a fleet of stacks needs one each.
+        bool simControl = false;  // the simulator takes `simCommand` lines
         std::string stationSn = e2e::stationSn;
-        /// Further simulator arguments (e.g. "--stamp-publish-time").
         std::vector<std::string> simArgs{};
-        /// Further lines for the station broker's configuration.
-        std::string brokerConfig{};
+        std::string brokerConfig{};  // further lines of the broker's configuration
     };
 
     explicit GatewayStack(Options options);
     GatewayStack();
-    /// Kills what still runs.
     ~GatewayStack();
 
-    /// Broker, simulator, host, in that order; returns when the host reports
-    /// its plug-ins started. Throws std::runtime_error with the reason.
+    /// Returns when the host reports its plug-in started; throws with the reason.
     void start();
-
-    /// Starts the simulator on `port` (0: any); returns the port it listens on.
+    /// Starts the simulator on `port` (0: any); returns the port.
     std::uint16_t startSim(std::uint16_t port = 0);
     void killSim();
-
-    /// Hands the simulator one control command line (needs `simControl`);
-    /// false when it could not be written. The reply goes to its log.
+    /// Hands the simulator one control command line (needs `simControl`).
     bool simCommand(const std::string& line);
-
     void startHost();
-
-    /// Writes the host configuration and returns its path.
-    std::string writeHostConfig();
+    /// velmora-host with `args`, run with a HOME (its backup folder) and a
+    /// hangar file of the stack's own, so that no test touches the user's.
+    std::vector<std::string> hostCommand(const std::vector<std::string>& args) const;
+    std::string configFile() const { return dir.file("velmora-host.json"); }
 
     /// The call with the token added when the stack has one.
     test::HttpAnswer http(test::HttpCall call) const;
-
-    /// GET /host/health, parsed; null when it does not answer 200 with JSON.
     Poco::JSON::Object::Ptr health() const;
-
     /// The plug-in's service link as health reports it ("" when unknown).
     std::string serviceLink() const;
-
-    /// Whether health reports the host's MQTT link up.
     bool mqttConnected() const;
 
     /// Polls `condition` every 50 ms until it holds or `timeout` passes.
     static bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
-
-    /// What each process wrote, for a failing test's output.
     std::string diagnostics() const;
 
     const Options options;
@@ -102,10 +80,7 @@ public:
     std::uint16_t httpPort = 0;
 };
 
-/// The path of a program under test; fails with a clear reason when it was not built.
+/// The path of a program under test; throws with a clear reason when it was not built.
 std::string programPath(const char* built, const char* what);
-
-/// The built velmora-host.
-std::string hostProgram();
 
 } // namespace vlm::e2e

@@ -1,15 +1,12 @@
 #include "e2e/MqttProbe.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <Poco/JSON/Parser.h>
 
 namespace vlm::e2e {
-namespace {
-
-const auto operationBound = std::chrono::seconds(5);
-
-} // namespace
+constexpr auto operationBound = std::chrono::seconds(5);
 
 MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId) : MqttProbe(uri, clientId, nullptr) {}
 
@@ -29,14 +26,11 @@ MqttProbe::MqttProbe(const std::string& uri, const std::string& clientId,
         }
         arrived.notify_all();
     });
-    auto options = ignoreOwn ? mqtt::connect_options_builder()
-                                   .mqtt_version(MQTTVERSION_5)
-                                   .clean_start(true)
-                                   .connect_timeout(operationBound)
-                                   .finalize()
-                             : mqtt::connect_options_builder().clean_session(true).connect_timeout(operationBound).finalize();
+    mqtt::connect_options_builder options;
+    (ignoreOwn ? options.mqtt_version(MQTTVERSION_5).clean_start(true) : options.clean_session(true))
+        .connect_timeout(operationBound);
     try {
-        if (!client.connect(options)->wait_for(operationBound + std::chrono::seconds(1)))
+        if (!client.connect(options.finalize())->wait_for(operationBound + std::chrono::seconds(1)))
             throw std::runtime_error("no answer");
     } catch (const std::exception& e) {
         throw std::runtime_error("test MQTT client cannot connect to " + uri + ": " + e.what());
@@ -69,26 +63,16 @@ std::optional<MqttProbe::Message> MqttProbe::waitFor(const std::function<bool(co
                                                      std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(mutex);
-    std::optional<Message> found;
-    arrived.wait_for(lock, timeout, [&] {
-        for (const auto& message : received) {
-            if (match(message)) {
-                found = message;
-                return true;
-            }
-        }
-        return false;
-    });
-    return found;
+    const auto found = [&] { return std::find_if(received.begin(), received.end(), match); };
+    if (!arrived.wait_for(lock, timeout, [&] { return found() != received.end(); }))
+        return std::nullopt;
+    return *found();
 }
 
 std::size_t MqttProbe::count(const std::function<bool(const Message&)>& match)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    std::size_t n = 0;
-    for (const auto& message : received)
-        n += match(message) ? 1 : 0;
-    return n;
+    return static_cast<std::size_t>(std::count_if(received.begin(), received.end(), match));
 }
 
 void MqttProbe::clear()

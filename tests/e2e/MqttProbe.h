@@ -22,35 +22,27 @@ public:
         std::string payload;
     };
 
-    /// Connects to "tcp://host:port"; throws std::runtime_error when the broker
-    /// does not accept within a few seconds.
+    /// Connects; throws std::runtime_error when the broker does not accept within a few seconds.
     MqttProbe(const std::string& uri, const std::string& clientId);
-    /// The same, but every arriving message goes to `onMessage` (on the
-    /// client's callback thread) instead of being kept for waitFor/count.
-    /// With `ignoreOwn` the client speaks MQTT 5 and its subscriptions leave
-    /// out what it published itself: a driver that sends bursts on the topic
-    /// its answers come back on then reads only the answers, and the broker
-    /// does not drop QoS 0 messages to it for falling behind on its own echo.
+    /// The same, but every message goes to `onMessage` (on Paho's thread)
+    /// instead of being kept for waitFor/count. With `ignoreOwn` the client
+    /// speaks MQTT 5 and does not get what it published itself: a driver
+    /// bursting on the topic its answers come back on reads only the answers,
+    /// and the broker does not drop QoS 0 answers while it lags on its own echo.
     MqttProbe(const std::string& uri, const std::string& clientId, std::function<void(const Message&)> onMessage,
               bool ignoreOwn = false);
     ~MqttProbe();
-    MqttProbe(const MqttProbe&) = delete;
-    MqttProbe& operator=(const MqttProbe&) = delete;
 
-    /// Subscribes (QoS 0 unless said otherwise) and waits for the broker's
-    /// acknowledgement.
     void subscribe(const std::string& topic, int qos = 0);
 
-    /// Publishes (QoS 0) and waits until it is written; throws
-    /// std::runtime_error (or Paho's exception) when it was not.
+    /// QoS 0, waited for; throws when it was not written.
     void publish(const std::string& topic, const std::string& payload);
 
-    /// Waits for a message, arrived since construction or the last clear(),
-    /// that `match` accepts; returns the first such one.
+    /// The first message since construction or clear() that `match` accepts, waited for.
     std::optional<Message> waitFor(const std::function<bool(const Message&)>& match,
                                    std::chrono::milliseconds timeout);
 
-    /// How many messages `match` accepts right now.
+    /// How many messages `match` accepts right now, visited in arrival order.
     std::size_t count(const std::function<bool(const Message&)>& match);
 
     void clear();
