@@ -30,6 +30,8 @@ public:
     void start();
     /// SIGTERM, then SIGKILL after a bound; reaps it. Nothing when not running.
     void stop();
+    /// Ends it at once (SIGKILL), as a crash would, and reaps it.
+    void kill() { child.reset(); }
 
     bool running() const { return child != nullptr; }
     int port() const { return listenPort; }
