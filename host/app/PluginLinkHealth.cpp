@@ -72,7 +72,7 @@ void addPluginLinkHealth(Poco::JSON::Object& service, const std::string& report,
         service.set("last_frame_age_ms", ages);
         service.set("reconnects", reconnects);
         const Poco::JSON::Object::Ptr counters = instance->getObject("counters");
-        service.set("counters", counters ? Poco::Dynamic::Var(counters) : Poco::Dynamic::Var(new Poco::JSON::Object));
+        service.set("counters", counters ? Poco::Dynamic::Var(counters) : Poco::Dynamic::Var(Poco::JSON::Object::Ptr(new Poco::JSON::Object)));
     } catch (const Poco::Exception&) {
         // A report that breaks its contract adds nothing.
     }

@@ -14,11 +14,14 @@ TEST(PluginLinkHealthReport, ShowsOnlyTheInstanceServingTheAddressAndReadsReport
 {
     const std::string report = R"({"instances":[
         {"service_address":"127.0.0.1","service_port":1,"links":{"call":{"reconnects":9}},"counters":{"x":1}},
-        {"service_address":"127.0.0.1","service_port":7700,"links":{"subscription":{"reconnects":2}},"counters":{}}]})";
+        {"service_address":"127.0.0.1","service_port":7700,"links":{"subscription":{"reconnects":2}}}]})";
     Poco::JSON::Object service;
     vlm::host::addPluginLinkHealth(service, report, "127.0.0.1", 7700);
     EXPECT_TRUE(service.getObject("reconnects")->isNull("call"));
     EXPECT_EQ(service.getObject("reconnects")->getValue<int>("subscription"), 2);
+    // A report without counters still shows an (empty) object, owned like the rest.
+    ASSERT_TRUE(service.getObject("counters"));
+    EXPECT_EQ(service.getObject("counters")->size(), 0u);
 
     Poco::JSON::Object untouched;
     vlm::host::addPluginLinkHealth(untouched, report, "127.0.0.1", 7701);
