@@ -172,6 +172,29 @@ std::vector<std::string> plugin_topics()
     return topics;
 }
 
+// Subscribes and waits for the end. The client is destroyed before this
+// returns, so no handler can deliver after it.
+exit_code listen_until_done(const tool_options& options, event_sink& sink, bool recording)
+{
+    pilot_rpc::rpc_client client;
+    if (!connect_or_report(client, options))
+        return exit_unreachable;
+    const std::string where = endpoint_text(options.address);
+    client.set_error_callback([where](std::error_code ec) {
+        print_error("link to " + where + " lost (" + ec.message() + "); reconnecting");
+    });
+    client.enable_auto_reconnect();
+    client.enable_auto_heartbeat();
+    for (const std::string& topic : recording ? plugin_topics() : options.topics)
+        client.subscribe(topic, [&sink, topic](std::string_view data) { sink.deliver(topic, data); });
+    std::optional<steady::time_point> deadline;
+    if (options.duration_seconds)
+        deadline = steady::now() + std::chrono::duration_cast<steady::duration>(
+                                       std::chrono::duration<double>(*options.duration_seconds));
+    wait_for_end(sink.done(), deadline);
+    return exit_ok;
+}
+
 }  // namespace
 
 exit_code run_call(const tool_options& options)
@@ -217,25 +240,8 @@ exit_code run_subscribe(const tool_options& options)
     std::size_t recorded = 0;
     {
         event_sink sink(options, file);
-        pilot_rpc::rpc_client client;
-        if (!connect_or_report(client, options)) {
-            result = exit_unreachable;
-        } else {
-            const std::string where = endpoint_text(options.address);
-            client.set_error_callback([where](std::error_code ec) {
-                print_error("link to " + where + " lost (" + ec.message() + "); reconnecting");
-            });
-            client.enable_auto_reconnect();
-            client.enable_auto_heartbeat();
-            for (const std::string& topic : recording ? plugin_topics() : options.topics)
-                client.subscribe(topic, [&sink, topic](std::string_view data) { sink.deliver(topic, data); });
-            std::optional<steady::time_point> deadline;
-            if (options.duration_seconds)
-                deadline = steady::now() + std::chrono::duration_cast<steady::duration>(
-                                               std::chrono::duration<double>(*options.duration_seconds));
-            wait_for_end(sink.done(), deadline);
-        }
-        // The client is gone here: no handler can run after this block.
+        result = listen_until_done(options, sink, recording);
+        // The client is gone: the count and the file are final.
         recorded = sink.count();
         if (sink.write_failed()) {
             print_error("cannot write " + options.out_path + ": " + std::strerror(errno));
