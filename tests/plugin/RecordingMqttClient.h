@@ -57,8 +57,6 @@ public:
         return publishSucceeds;
     }
 
-    /// Delivers a message to every subscription of exactly that topic, as the
-    /// host client's delivery thread would.
     void deliver(const std::string& topic, const std::string& payload)
     {
         std::vector<MessageHandler> handlers;
@@ -91,7 +89,6 @@ public:
         return unsubscribed;
     }
 
-    /// Waits until `count` publications satisfy `match`, or the time is up.
     bool waitFor(const std::function<bool(const Publication&)>& match, size_t count = 1,
                  std::chrono::milliseconds limit = std::chrono::seconds(5)) const
     {

@@ -62,16 +62,19 @@ TEST_F(EventDispatch, StateEventsChangeOnlyTheirStateAndPublishNothing)
 
 TEST_F(EventDispatch, EachEventTakesItsRoute)
 {
+    LogCapture log;
     dispatch("toMicroService", R"({"to":"other"})");
     ASSERT_TRUE(bus.waitForCount(1));
     EXPECT_EQ(bus.all().front(), R"({"to":"other"})");
     plugin->setCallback(nullptr);
+    const std::string edge = "/velmora/sma/FBE242B9-B226-4401-A340-36ABD4D753AD/edgeMaster/cmd";
     // Event, app type, topic, QoS, and whether it is wrapped or leaves verbatim.
     const std::tuple<const char*, int, std::string, int, bool> cases[] = {
         {"uavData2MaterCtl", 0, "/msg/pilot/UAV-1/out", 0, false},
         {"xresponseToCloudy", 1, groundTopicZero, 2, false},  // contains the name: the first GUID always
         {"heartBeat", 1, groundTopicOther, 2, true},
-        {"toMicroService", 0, groundTopicZero, 2, true}};  // without a bus it is wrapped like any event
+        {"toMicroService", 0, groundTopicZero, 2, true},  // without a bus it is wrapped like any event
+        {"fireSearchInfo", 1, edge, 2, true}};
     size_t n = 0;
     for (const auto& [event, appType, topic, qos, wrap] : cases) {
         state().appType = appType;
@@ -79,30 +82,20 @@ TEST_F(EventDispatch, EachEventTakesItsRoute)
         ASSERT_TRUE(mqtt->waitFor(anyTopic, ++n)) << event;
         const auto p = mqtt->publications().back();
         EXPECT_EQ(std::make_tuple(p.topic, p.qos, p.retained, p.waitSeconds), std::make_tuple(topic, qos, 0, 1));
-        EXPECT_EQ(wrap ? parseObject(p.payload)->getValue<std::string>("api") : p.payload, wrap ? event : "raw, not JSON");
+        const auto envelope = wrap ? parseObject(p.payload) : nullptr;
+        EXPECT_EQ(wrap ? envelope->getValue<std::string>("api") : p.payload, wrap ? event : "raw, not JSON");
+        if (wrap)
+            EXPECT_EQ(envelope->getValue<std::string>("type"), topic == edge ? "request" : "response") << event;
     }
-}
-
-TEST_F(EventDispatch, GeneralEventsAreWrappedInOrderAndMalformedOnesAreLoggedAndDropped)
-{
-    LogCapture log;
-    dispatch("getVersionInfo", R"({"version":"1.2"})");
-    dispatch("getVersionInfo", "{not json");
-    dispatch("getVersionInfo", R"({"version":"1.3"})");
-    ASSERT_TRUE(mqtt->waitFor(anyTopic, 2));
+    // The edge master's line reports what the broker client answered.
     ASSERT_TRUE(drained());
-    EXPECT_EQ(wrapped("version"), (std::vector<std::string>{"1.2", "1.3"}));
-    EXPECT_EQ(wrapped("id"), (std::vector<std::string>{"UAV-1", "UAV-1"}));
+    mqtt->publishSucceeds = false;
+    dispatch("fireSearchInfo", "{}");
+    ASSERT_TRUE(drained());
     const auto pubs = mqtt->publications();
-    // Keys in the order clients have always read them.
-    EXPECT_EQ(pubs[0].payload.find(R"({"api":"getVersionInfo","type":"response","target":"/","from":"station-1",)"
-                                   R"("pilot_id":"UAV-1","message":{)"),
-              0u)
-        << pubs[0].payload;
-    const auto id = [](const Publication& p) { return std::stol(parseObject(p.payload)->getValue<std::string>("msgId")); };
-    EXPECT_EQ(id(pubs[1]), id(pubs[0]) + 1);
-    EXPECT_EQ(log.errors("getVersionInfo: JSON Exception: expected 'u' instead of byte 'o'"), 1);
-    EXPECT_EQ(log.lines().size(), 1u);
+    ASSERT_EQ(pubs.size(), n + 1);
+    EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + pubs[n - 1].payload + ", ret: 1"), 1);
+    EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + pubs[n].payload + ", ret: 0"), 1);
 }
 
 // The counter is process-wide, so only a fresh process shows its first value.
@@ -145,11 +138,11 @@ TEST_F(EventDispatch, WithThePoolFullTheOutboundWorkerPublishesUnlessLocalOnLink
     EXPECT_EQ(wrapped("v"), std::vector<std::string>{"1"});
 }
 
-// Telemetry positions must leave in the order the service sent them, though
-// each event may find a different pool thread free.
-TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
+// Events (telemetry positions, route progress) leave in the order the service
+// sent them, though each may find a different pool thread free.
+TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrderAndMalformedOnesAreDropped)
 {
-    state().pilotConnected = true;  // telemetry is published only then
+    LogCapture log;
     // Shared with the publishing threads, which may outlive a failed test body.
     struct Hold {
         std::atomic<bool> first{true};
@@ -164,12 +157,13 @@ TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
             hold->released.wait_for(10s);
         }
     };
-    dispatch("pushTelemetry", R"({"seq":1})");
+    dispatch("getVersionInfo", R"({"seq":1})");
     const bool entered = hold->entered.get_future().wait_for(10s) == std::future_status::ready;
     const bool poolFree = vlm::ThreadPool::defaultPool().hasFreeThread();
+    dispatch("getVersionInfo", "{not json");
     for (int seq = 2; seq <= 4; ++seq)
-        dispatch("pushTelemetry", R"({"seq":)" + std::to_string(seq) + "}");
-    // Nothing may overtake the first position while its publication is held.
+        dispatch("getVersionInfo", R"({"seq":)" + std::to_string(seq) + "}");
+    // Nothing may overtake the first event while its publication is held.
     const bool overtaken = mqtt->waitFor(anyTopic, 1, 300ms);
     hold->release.set_value();
     ASSERT_TRUE(entered);
@@ -177,6 +171,17 @@ TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
     EXPECT_FALSE(overtaken);
     ASSERT_TRUE(mqtt->waitFor(anyTopic, 4));
     EXPECT_EQ(wrapped("seq"), (std::vector<std::string>{"1", "2", "3", "4"}));
+    EXPECT_EQ(wrapped("id"), std::vector<std::string>(4, "UAV-1"));
+    const auto pubs = mqtt->publications();
+    // Keys in the order clients have always read them.
+    EXPECT_EQ(pubs[0].payload.find(R"({"api":"getVersionInfo","type":"response","target":"/","from":"station-1",)"
+                                   R"("pilot_id":"UAV-1","message":{)"),
+              0u)
+        << pubs[0].payload;
+    const auto id = [](const Publication& p) { return std::stol(parseObject(p.payload)->getValue<std::string>("msgId")); };
+    for (size_t i = 1; i < pubs.size(); ++i)
+        EXPECT_EQ(id(pubs[i]), id(pubs[0]) + static_cast<long>(i));
+    EXPECT_EQ(log.errors("getVersionInfo: JSON Exception: expected 'u' instead of byte 'o'"), 1);
 }
 
 // The ordered sequence's drops count where the outbound worker's do.
@@ -192,56 +197,30 @@ TEST_F(EventDispatch, DroppedWrappedEventsCountInTheHealthReport)
     state().publications.drain();
 }
 
-TEST_F(EventDispatch, FireSearchInfoIsARequestToTheEdgeMaster)
-{
-    LogCapture log;
-    dispatch("fireSearchInfo", R"({"area":3})");
-    ASSERT_TRUE(drained());  // published and returned
-    mqtt->publishSucceeds = false;
-    dispatch("fireSearchInfo", R"({"area":4})");
-    ASSERT_TRUE(drained());  // the log line follows the publish
-    const auto pubs = mqtt->publications();
-    ASSERT_EQ(pubs.size(), 2u);
-    for (size_t i = 0; i < pubs.size(); ++i) {
-        EXPECT_EQ(std::make_tuple(pubs[i].topic, pubs[i].qos, pubs[i].retained, pubs[i].waitSeconds),
-                  std::make_tuple("/velmora/sma/FBE242B9-B226-4401-A340-36ABD4D753AD/edgeMaster/cmd", 2, 0, 1));
-        EXPECT_EQ(parseObject(pubs[i].payload)->getValue<std::string>("type"), "request");
-        // The line reports what the broker client answered.
-        const std::string ret = i == 0 ? "1" : "0";
-        EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + pubs[i].payload + ", ret: " + ret), 1) << pubs[i].payload;
-    }
-}
-
 TEST_F(EventDispatch, CachesTheLastAnswerPerApi)
 {
     using Impl = vlm::PilotControlPImpl;
     std::string Impl::*const slots[] = {&Impl::lastTelemetry,        &Impl::lastRoute,          &Impl::lastProgress,
                                         &Impl::lastRunInfo,          &Impl::lastBinInfo,        &Impl::lastSoftUpload,
                                         &Impl::lastSoftUpdateStatus, &Impl::lastUpdateProgress, &Impl::lastMagCompassCali};
-    // Each event and the slot it fills; -1 for none.
+    // Each event and the slot it fills, -1 for none; a new route empties the progress.
     const std::pair<const char*, int> cases[] = {
-        {"pushTelemetry", 0},     {"pushRoute", 1},        {"syncRoute", 1},         {"deleteWayPointList", 1},
-        {"updateProgress", 2},    {"getRunInfo", 3},       {"getBinInfo", 4},        {"softUpload", 5},
-        {"softUpdateStatus", 6},  {"getUpdateProgress", 7}, {"updateMagneticCompassCali", 8},
-        {"getVersionInfo", -1}};
-    auto slotValues = [&](const char* assign) {
-        std::lock_guard<std::mutex> lock(state().cacheMutex);
-        std::vector<std::string> values;
-        for (auto slot : slots)
-            values.push_back(assign ? state().*slot = assign : state().*slot);
-        return values;
-    };
+        {"updateProgress", 2},   {"pushRoute", 1},         {"updateProgress", 2},  {"syncRoute", 1},
+        {"updateProgress", 2},   {"deleteWayPointList", 1}, {"pushTelemetry", 0},  {"getRunInfo", 3},
+        {"getBinInfo", 4},       {"softUpload", 5},        {"softUpdateStatus", 6}, {"getUpdateProgress", 7},
+        {"updateMagneticCompassCali", 8}, {"getVersionInfo", -1}};
     LogCapture log;
+    std::vector<std::string> expected(std::size(slots));
     for (const auto& [event, filled] : cases) {
-        slotValues("old");
         const std::string text = std::string(R"({"from":")") + event + R"("})";
         dispatch(event, text);
-        std::vector<std::string> expected(std::size(slots), "old");
         if (filled >= 0)
             expected[static_cast<size_t>(filled)] = text;
         if (filled == 1)
-            expected[2] = "";  // a new route empties the progress
-        EXPECT_EQ(slotValues(nullptr), expected) << event;
+            expected[2] = "";
+        std::lock_guard<std::mutex> lock(state().cacheMutex);
+        for (size_t k = 0; k < std::size(slots); ++k)
+            EXPECT_EQ(state().*slots[k], expected[k]) << event << ", slot " << k;
     }
     EXPECT_EQ(log.infos(R"(software res: {"from":"softUpload"})"), 1);
 }

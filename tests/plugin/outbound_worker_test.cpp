@@ -1,5 +1,4 @@
 #include <atomic>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -7,20 +6,19 @@
 
 #include <gtest/gtest.h>
 
-#include "OutboundWorker.h"
+#include "OutboundQueue.h"
 #include "PublishSequence.h"
 #include "support/LogCapture.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using vlm::OutboundClass;
 constexpr OutboundClass telemetry = OutboundClass::staleTelemetry, event = OutboundClass::event,
                         answer = OutboundClass::answer;
 
-// The worker and the publication sequence both keep their tasks in this
-// queue, so its bounds are shown once here, with room for 2 telemetry tasks,
-// 3 events, 6 answers and 6 in all, 1000 bytes each.
+// The outbound worker and the publication sequence both keep their tasks in
+// this queue, so its bounds are shown once here, with room for 2 telemetry
+// tasks, 3 events, 6 answers and 6 in all, 1000 bytes each.
 TEST(OutboundQueue, EachBoundDropsTheOldestOfTheRightClassCountsAndLogsOncePerBurst)
 {
     struct Case {
@@ -62,54 +60,6 @@ TEST(OutboundQueue, EachBoundDropsTheOldestOfTheRightClassCountsAndLogsOncePerBu
             EXPECT_EQ(log.errors(line), c.drops[k] ? 1 : 0) << c.pushes << ": " << line;
         }
     }
-    // A flood logs its first drop and every thousandth, not each one.
-    vlm::test::LogCapture log;
-    vlm::PublishSequence sequence(bounds);
-    for (int i = 0; i < 2002; ++i)
-        sequence.push([] {}, telemetry, 1);
-    EXPECT_EQ(sequence.dropped().of(telemetry), 2000u);
-    EXPECT_EQ(log.lines().size(), 3u);
-    EXPECT_EQ(log.errors("publication queue full: 1000 stale telemetry publications dropped so far"), 1);
-    sequence.drain();
-}
-
-// The plug-in's unload must not return while a worker thread still runs:
-// the host may unmap the library right after it.
-TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
-{
-    // Set by a thread-local's destructor: the last thing the worker's thread does.
-    static std::atomic<bool> threadEnded{false};
-    struct EndMarker {
-        ~EndMarker() { threadEnded = true; }
-    };
-    // Ends the worker from inside its own task, and lingers, so that a thread
-    // nobody joins would still be running when the test looks.
-    struct LastOwner {
-        std::shared_ptr<vlm::OutboundWorker> worker;
-        ~LastOwner()
-        {
-            worker.reset();
-            std::this_thread::sleep_for(200ms);
-        }
-    };
-    std::promise<void> go;
-    auto worker = std::make_shared<vlm::OutboundWorker>();
-    EXPECT_FALSE(vlm::OutboundWorker::joinAllEnded(20ms));  // a worker exists
-    std::shared_ptr<LastOwner> owner(new LastOwner{worker});
-    worker->post(
-        [owner = std::move(owner), started = go.get_future().share()] {
-            thread_local EndMarker marker;
-            (void)marker;
-            started.wait();
-        },
-        answer);
-    worker.reset();  // from here on the queued task holds the last reference
-    auto unload = std::async(std::launch::async, [] { return vlm::OutboundWorker::joinAllEnded(10s); });
-    EXPECT_EQ(unload.wait_for(100ms), std::future_status::timeout) << "returned while the task held the worker";
-    go.set_value();
-    ASSERT_EQ(unload.wait_for(10s), std::future_status::ready);
-    EXPECT_TRUE(unload.get());
-    EXPECT_TRUE(threadEnded.load());
 }
 
 // Threads push and drain at once, as pool threads do: every task runs once,

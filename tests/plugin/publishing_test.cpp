@@ -1,3 +1,5 @@
+#include <regex>
+
 #include <Poco/Timestamp.h>
 
 #include "PluginFixture.h"
@@ -15,18 +17,12 @@ protected:
     {
         Access::publish(*plugin, payload, topic, api);
     }
-    std::vector<std::string> receivers(const Poco::JSON::Object::Ptr& message)
+    static std::vector<std::string> receivers(const Poco::JSON::Object::Ptr& message)
     {
         std::vector<std::string> to;
         for (const auto& v : *message->getArray("to"))
             to.push_back(v.convert<std::string>());
         return to;
-    }
-    Poco::JSON::Object::Ptr record(int kind, const std::string& api)
-    {
-        const size_t before = bus.all().size();
-        Access::record(*plugin, kind, *parseObject(R"({"v":1})"), "/t", api);
-        return bus.all().size() == before ? nullptr : parseObject(bus.all().back());
     }
 };
 
@@ -44,20 +40,17 @@ TEST_F(Publishing, AnswersAreRecordedAndTelemetryIsGatedOnThePilotLink)
     EXPECT_EQ(std::vector<int>({pubs[0].qos, pubs[0].retained, pubs[0].waitSeconds, pubs[1].qos, pubs[2].qos}),
               std::vector<int>({2, 0, 1, 2, 0}));
     EXPECT_EQ(pubs[2].payload, R"({"alt":2})");
-    EXPECT_TRUE(state().telemetryPublished);
-    EXPECT_GT(state().lastTelemetryTime.load(), 0);
     ASSERT_EQ(bus.all().size(), 2u);
-    auto m = parseObject(bus.all()[0]);
-    expectFields(m, {{"api", "mrpAddRPRecord"},
-                     {"interface", "mrpAddRPRecord"},
-                     {"guid", "{D639B3D5-A951-4BC7-A629-91255EBF9638}"}});
-    EXPECT_EQ(m->getValue<int>("msg_id"), 901);
-    EXPECT_EQ(receivers(m), std::vector<std::string>{"{DCC1BA68-6C63-46EB-ADEF-7B05F95F2F30}"});
-    auto data = m->getObject("data");
-    expectFields(data, {{"type", "pcservice"}, {"topic", "/velmora/pilot/x/cmd"}, {"plan_id", "UAV-1"}});
-    EXPECT_EQ(data->getObject("record")->getValue<int>("k"), 1);
-    const auto nowMs = Poco::Timestamp().epochMicroseconds() / 1000;
-    EXPECT_NEAR(static_cast<double>(data->getValue<uint64_t>("time_stamp")), static_cast<double>(nowMs), 5000.0);
+    // The record plug-in's message, in its member order; only the clock and
+    // the process-wide sequence vary.
+    const std::string record = bus.all()[0];
+    std::smatch stamp;
+    ASSERT_TRUE(std::regex_search(record, stamp, std::regex(R"("time_stamp":(\d+))")));
+    EXPECT_NEAR(std::stod(stamp[1]), static_cast<double>(Poco::Timestamp().epochMicroseconds() / 1000), 5000.0);
+    EXPECT_EQ(std::regex_replace(record, std::regex(R"("time_stamp":\d+|"seq":\d+)"), "#"),
+              R"({"api":"mrpAddRPRecord","interface":"mrpAddRPRecord","msg_id":901,"data":{"plan_id":"UAV-1",)"
+              R"("topic":"/velmora/pilot/x/cmd","record":{"k":1},"type":"pcservice",#},)"
+              R"("guid":"{D639B3D5-A951-4BC7-A629-91255EBF9638}",#,"to":["{DCC1BA68-6C63-46EB-ADEF-7B05F95F2F30}"]})");
     EXPECT_EQ(parseObject(bus.all()[1])->getObject("data")->getObject("record")->getValue<int>("alt"), 2);
 }
 
@@ -67,13 +60,11 @@ TEST_F(Publishing, AFailedRouteMissionIsKeptOnlyForThatExactApi)
     mqtt->publishSucceeds = false;
     publish("{}", "uploadRouteMission");
     publish("{}", "uploadRouteMissionV2");
-    std::lock_guard<std::mutex> lock(state().publishMutex);
-    ASSERT_EQ(state().failedRouteMissions.size(), 1u);
-    EXPECT_EQ(state().failedRouteMissions[0].topic + " " + state().failedRouteMissions[0].api,
-              "/ground uploadRouteMission");
     EXPECT_EQ(log.infos("mqtt publishMessage api:uploadRouteMission, failed!"), 1);
-    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines().size(), 1u);  // a name that merely begins alike logs nothing
     EXPECT_TRUE(bus.all().empty());
+    std::lock_guard<std::mutex> lock(state().publishMutex);
+    EXPECT_EQ(state().failedRouteMissions.size(), 1u);
 }
 
 TEST_F(Publishing, AMalformedPayloadIsLoggedAndStillPublished)
@@ -89,29 +80,7 @@ TEST_F(Publishing, AMalformedPayloadIsLoggedAndStillPublished)
     EXPECT_TRUE(bus.all().empty());
 }
 
-TEST_F(Publishing, EachRecordKindAddressesItsReceivers)
-{
-    const std::string gimbal = "{71003D6A-4AA2-4C11-A8EA-A4971EDECEB8}";
-    const std::string upload = "{9A6A04EC-D218-4815-8E88-6DC545D492C8}";
-    auto m = record(4, "uploadGuid");
-    ASSERT_TRUE(m);
-    EXPECT_EQ(receivers(m), (std::vector<std::string>{gimbal, gimbal, upload}));  // the double entry is kept
-    EXPECT_EQ(m->getValue<int>("msg_id"), 5);
-    EXPECT_EQ(m->getValue<std::string>("interface"), "uploadGuid");
-    EXPECT_EQ(receivers(record(4, "uploadGuidX")), (std::vector<std::string>{gimbal, upload}));
-    auto first = record(2, "");
-    auto second = record(1, "");
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(second->getValue<uint32_t>("seq"), first->getValue<uint32_t>("seq") + 1);
-    EXPECT_EQ(first->getValue<std::string>("api"), "sendGimbalControlCmd102");
-    EXPECT_EQ(receivers(first), std::vector<std::string>{gimbal});
-    EXPECT_EQ(second->size(), 3u);  // kind 1: guid, seq and an empty "to" only
-    EXPECT_TRUE(receivers(second).empty());
-    EXPECT_FALSE(record(0, ""));
-    EXPECT_FALSE(record(5, ""));
-}
-
-TEST_F(Publishing, ALinkTypeChangeIsAnnouncedInItsFixedShape)
+TEST_F(Publishing, MessagesToOtherPluginsHaveTheirFixedShape)
 {
     LogCapture log;
     Access::notifyLinkType(*plugin, 1);
@@ -122,6 +91,19 @@ TEST_F(Publishing, ALinkTypeChangeIsAnnouncedInItsFixedShape)
               R"("{D639B3D5-A951-4BC7-A629-91255EBF9638}","{681DBCD6-9F8D-4482-951A-B8A73E0E3865}",)"
               R"("{71003D6A-4BB2-4C11-A8EA-A4971EDECEB9}"]})");
     EXPECT_EQ(log.infos("notifyLinkTypeChange linkType: 1"), 1);
+
+    // The upload plug-in's record: the doubled receiver is kept.
+    Access::record(*plugin, 4, *parseObject(R"({"v":1})"), "/t", "uploadGuid");
+    Access::record(*plugin, 4, *parseObject(R"({"v":1})"), "/t", "uploadGuidX");
+    ASSERT_EQ(bus.all().size(), 3u);
+    auto m = parseObject(bus.all()[1]);
+    expectFields(m, {{"api", "uploadGuid"}, {"interface", "uploadGuid"}});
+    EXPECT_EQ(m->getValue<int>("msg_id"), 5);
+    const std::string gimbal = "{71003D6A-4AA2-4C11-A8EA-A4971EDECEB8}";
+    const std::string upload = "{9A6A04EC-D218-4815-8E88-6DC545D492C8}";
+    EXPECT_EQ(receivers(m), (std::vector<std::string>{gimbal, gimbal, upload}));
+    EXPECT_EQ(receivers(parseObject(bus.all()[2])), (std::vector<std::string>{gimbal, upload}));
+    EXPECT_EQ(parseObject(bus.all()[2])->getValue<uint32_t>("seq"), m->getValue<uint32_t>("seq") + 1);
 }
 
 } // namespace
