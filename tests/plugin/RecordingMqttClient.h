@@ -102,8 +102,7 @@ public:
     }
 
     std::atomic<bool> publishSucceeds{true};
-    /// Runs first in every publication, outside the lock (a test may block
-    /// there). Set it before anything publishes.
+    /// Runs first in every publication, unlocked: a test may block there. Set before use.
     std::function<void(const std::string& payload)> beforePublish;
 
 private:
