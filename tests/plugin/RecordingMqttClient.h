@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "MqttClient.h"
@@ -23,20 +24,16 @@ public:
         int retained;
         int waitSeconds;
     };
-    struct Subscription {
-        std::string topic;
-        int qos;
-        MessageHandler handler;
-    };
 
     explicit RecordingMqttClient(std::string station = "") : station(std::move(station)) {}
 
     std::string getstation() override { return station; }
+    bool isConnected() const override { return publishSucceeds; }
 
-    bool Subscribe(MessageHandler handler, const std::string& topic, int qos) override
+    bool Subscribe(MessageHandler handler, const std::string& topic, int) override
     {
         std::lock_guard<std::mutex> lock(mutex);
-        subscriptions.push_back({topic, qos, std::move(handler)});
+        subscriptions.emplace_back(topic, std::move(handler));
         return true;
     }
 
@@ -60,18 +57,14 @@ public:
         return publishSucceeds;
     }
 
-    bool isConnected() const override { return publishSucceeds; }
-
-    /// Delivers a message to every subscription of exactly that topic, as the
-    /// host client's delivery thread would.
     void deliver(const std::string& topic, const std::string& payload)
     {
         std::vector<MessageHandler> handlers;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            for (const auto& s : subscriptions)
-                if (s.topic == topic)
-                    handlers.push_back(s.handler);
+            for (const auto& [subscribed, handler] : subscriptions)
+                if (subscribed == topic)
+                    handlers.push_back(handler);
         }
         for (auto& h : handlers)
             h(topic, payload);
@@ -87,7 +80,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         std::vector<std::string> topics;
         for (const auto& s : subscriptions)
-            topics.push_back(s.topic);
+            topics.push_back(s.first);
         return topics;
     }
     std::vector<std::string> unsubscribedTopics() const
@@ -96,7 +89,6 @@ public:
         return unsubscribed;
     }
 
-    /// Waits until `count` publications satisfy `match`, or the time is up.
     bool waitFor(const std::function<bool(const Publication&)>& match, size_t count = 1,
                  std::chrono::milliseconds limit = std::chrono::seconds(5)) const
     {
@@ -110,15 +102,14 @@ public:
     }
 
     std::atomic<bool> publishSucceeds{true};
-    /// Runs first in every publication, outside the lock (a test may block
-    /// there). Set it before anything publishes.
+    /// Runs first in every publication, unlocked: a test may block there. Set before use.
     std::function<void(const std::string& payload)> beforePublish;
 
 private:
     const std::string station;
     mutable std::mutex mutex;  // guards subscriptions, unsubscribed, published
     mutable std::condition_variable changed;
-    std::vector<Subscription> subscriptions;
+    std::vector<std::pair<std::string, MessageHandler>> subscriptions;
     std::vector<std::string> unsubscribed;
     std::vector<Publication> published;
 };

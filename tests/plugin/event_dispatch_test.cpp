@@ -9,6 +9,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using vlm::test::LogCapture;
 using vlm::test::parseObject;
 using Publication = vlm::test::RecordingMqttClient::Publication;
@@ -19,137 +20,78 @@ const std::string groundTopicOther = "/velmora/pilot/C5E96E6B-8087-4F06-944F-025
 class EventDispatch : public vlm::test::PluginFixture {
 protected:
     void dispatch(const std::string& topic, const std::string& data) { Access::dispatch(*plugin, topic, data); }
-
-    static auto onTopic(const std::string& topic)
+    bool drained() { return Access::drainOutbound(*plugin, 10s); }
+    std::vector<std::string> wrapped(const char* member)
     {
-        return [topic](const Publication& p) { return p.topic == topic; };
+        std::vector<std::string> values;
+        for (const auto& p : mqtt->publications())
+            values.push_back(parseObject(p.payload)->getObject("message")->get(member).toString());
+        return values;
     }
+    static bool anyTopic(const Publication&) { return true; }
 };
 
-TEST_F(EventDispatch, TelemetryFrequencyIsOffsetAndClamped)
+TEST_F(EventDispatch, StateEventsChangeOnlyTheirStateAndPublishNothing)
 {
     LogCapture log;
-    const std::pair<const char*, int> cases[] = {{"150", 50},  {"100", 100},   {"50", 100},   {"abc", 100},
-                                                 {"1100", 900}, {"5000", 900}, {"1099", 999}, {"101", 1},
-                                                 {"-2147483648", 100}};
-    for (const auto& [text, expected] : cases) {
+    // The offset of 100 and the clamp to 100..900 are the service's own rule.
+    const std::pair<const char*, int> frequencies[] = {
+        {"150", 50}, {"100", 100}, {"abc", 100}, {"1100", 900}, {"1099", 999}, {"-2147483648", 100}};
+    for (const auto& [text, expected] : frequencies) {
         dispatch("setTelemFrequency", text);
         EXPECT_EQ(state().telemFrequency.load(), expected) << text;
-        EXPECT_EQ(log.infos("setTelemFrequency: " + std::to_string(expected)), 1)
-            << text;
+        EXPECT_EQ(log.infos("setTelemFrequency: " + std::to_string(expected)), 1) << text;
         log.clear();
     }
-    EXPECT_TRUE(mqtt->publications().empty());
-}
-
-TEST_F(EventDispatch, PilotConnectionFollowsOnlyTheExactTexts)
-{
-    LogCapture log;
     dispatch("pilotConnectState", "true");
-    EXPECT_TRUE(state().pilotConnected);
-    EXPECT_EQ(log.infos("pilot connected!"), 1);
-
     state().telemetryPublished = true;
     for (const char* ignored : {"TRUE", "1", "false ", ""}) {
         dispatch("pilotConnectState", ignored);
-        EXPECT_TRUE(state().pilotConnected) << ignored;
-        EXPECT_TRUE(state().telemetryPublished) << ignored;
+        EXPECT_TRUE(state().pilotConnected && state().telemetryPublished) << ignored;
     }
     dispatch("pilotConnectState", "false");
-    EXPECT_FALSE(state().pilotConnected);
-    EXPECT_FALSE(state().telemetryPublished);
+    EXPECT_FALSE(state().pilotConnected || state().telemetryPublished);
+    EXPECT_EQ(log.infos("pilot connected!"), 1);
     EXPECT_EQ(log.infos("pilot disconnected!"), 1);
-    EXPECT_TRUE(mqtt->publications().empty());
-}
-
-TEST_F(EventDispatch, SerialNumberChangesOnlyForANewNonEmptyText)
-{
-    dispatch("pushUavSn", "");
-    EXPECT_EQ(state().getPilotId(), "UAV-1");
     dispatch("pushUavSn", "UAV-2");
+    dispatch("pushUavSn", "");  // an empty one changes nothing
     EXPECT_EQ(state().getPilotId(), "UAV-2");
     EXPECT_TRUE(mqtt->publications().empty());
 }
 
-TEST_F(EventDispatch, VehicleDataGoesVerbatimToThePilotOutTopic)
+TEST_F(EventDispatch, EachEventTakesItsRoute)
 {
-    dispatch("uavData2MaterCtl", "raw bytes, not JSON");
-    ASSERT_TRUE(mqtt->waitFor(onTopic("/msg/pilot/UAV-1/out")));
-    const auto p = mqtt->publications().front();
-    EXPECT_EQ(p.payload, "raw bytes, not JSON");
-    EXPECT_EQ(p.qos, 0);
-    EXPECT_EQ(p.retained, 0);
-    EXPECT_EQ(p.waitSeconds, 1);
-}
-
-TEST_F(EventDispatch, ATopicContainingResponseToCloudIsPublishedWithoutEnvelope)
-{
-    state().appType = 1;  // the cloud topic always carries the first GUID
-    dispatch("xresponseToCloudy", R"({"a":1})");
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero)));
-    const auto p = mqtt->publications().front();
-    EXPECT_EQ(p.payload, R"({"a":1})");
-    EXPECT_EQ(p.qos, 2);
-}
-
-TEST_F(EventDispatch, ToMicroServiceGoesToTheBusWhenOneIsThereAndIsWrappedOtherwise)
-{
+    LogCapture log;
     dispatch("toMicroService", R"({"to":"other"})");
     ASSERT_TRUE(bus.waitForCount(1));
     EXPECT_EQ(bus.all().front(), R"({"to":"other"})");
-    EXPECT_TRUE(mqtt->publications().empty());
-
     plugin->setCallback(nullptr);
-    dispatch("toMicroService", R"({"to":"other"})");
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero)));
-    EXPECT_EQ(parseObject(mqtt->publications().front().payload)->getValue<std::string>("api"), "toMicroService");
-}
-
-TEST_F(EventDispatch, GeneralEventsAreWrappedInOrderWithARisingMessageId)
-{
-    dispatch("getVersionInfo", R"({"version":"1.2"})");
-    dispatch("getVersionInfo", R"({"version":"1.3"})");
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero), 2));
-    std::vector<std::string> versions;
-    std::vector<long> ids;
-    for (const auto& p : mqtt->publications()) {
-        EXPECT_EQ(p.qos, 2);
-        // Keys in the order clients have always read them.
-        EXPECT_EQ(p.payload.find(R"({"api":"getVersionInfo","type":"response","target":"/","from":"station-1",)"
-                                 R"("pilot_id":"UAV-1","message":{)"),
-                  0u)
-            << p.payload;
-        auto envelope = parseObject(p.payload);
-        EXPECT_EQ(envelope->getObject("message")->getValue<std::string>("id"), "UAV-1");
-        versions.push_back(envelope->getObject("message")->getValue<std::string>("version"));
-        ids.push_back(std::stol(envelope->getValue<std::string>("msgId")));
+    const std::string edge = "/velmora/sma/FBE242B9-B226-4401-A340-36ABD4D753AD/edgeMaster/cmd";
+    // Event, app type, topic, QoS, and whether it is wrapped or leaves verbatim.
+    const std::tuple<const char*, int, std::string, int, bool> cases[] = {
+        {"uavData2MaterCtl", 0, "/msg/pilot/UAV-1/out", 0, false},
+        {"xresponseToCloudy", 1, groundTopicZero, 2, false},  // contains the name: the first GUID always
+        {"heartBeat", 1, groundTopicOther, 2, true},
+        {"toMicroService", 0, groundTopicZero, 2, true},  // without a bus it is wrapped like any event
+        {"fireSearchInfo", 1, edge, 2, true}};
+    size_t n = 0;
+    for (const auto& [event, appType, topic, qos, wrap] : cases) {
+        state().appType = appType;
+        dispatch(event, wrap ? "{}" : "raw, not JSON");
+        ASSERT_TRUE(mqtt->waitFor(anyTopic, ++n)) << event;
+        const auto p = mqtt->publications().back();
+        EXPECT_EQ(std::make_tuple(p.topic, p.qos, p.retained, p.waitSeconds), std::make_tuple(topic, qos, 0, 1));
+        const std::string head =
+            std::string(R"({"api":")") + event + R"(","type":")" + (topic == edge ? "request\"" : "response\"");
+        EXPECT_EQ(p.payload.substr(0, wrap ? head.size() : std::string::npos), wrap ? head : "raw, not JSON");
     }
-    ASSERT_EQ(ids.size(), 2u);
-    EXPECT_EQ(versions, (std::vector<std::string>{"1.2", "1.3"}));
-    EXPECT_EQ(ids[1], ids[0] + 1);
-}
-
-// The counter is process-wide, so only a fresh process shows its first value.
-TEST_F(EventDispatch, TheFirstEnvelopeOfAProcessCarriesMessageIdZero)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            dispatch("heartBeat", "{}");
-            const bool published = mqtt->waitFor(onTopic(groundTopicZero));
-            vlm::ThreadPool::defaultPool().joinAll();
-            const bool zero =
-                published && parseObject(mqtt->publications().front().payload)->getValue<std::string>("msgId") == "0";
-            std::_Exit(zero ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(EventDispatch, AppTypeChoosesTheGroundTopicGuid)
-{
-    state().appType = 1;
-    dispatch("heartBeat", "{}");
-    EXPECT_TRUE(mqtt->waitFor(onTopic(groundTopicOther)));
+    // The edge master's line reports what the broker client answered.
+    ASSERT_TRUE(drained());
+    EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + mqtt->publications().back().payload + ", ret: 1"), 1);
+    mqtt->publishSucceeds = false;
+    dispatch("fireSearchInfo", "{}");
+    ASSERT_TRUE(drained());
+    EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + mqtt->publications().back().payload + ", ret: 0"), 1);
 }
 
 TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
@@ -160,39 +102,20 @@ TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
     // The link type is read when the hand-off runs, on the pool or, when the
     // pool is full, on the outbound worker: let both run first.
     vlm::ThreadPool::defaultPool().joinAll();
-    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));
+    ASSERT_TRUE(drained());
     EXPECT_TRUE(mqtt->publications().empty());
     state().linkType = 2;
     dispatch("getVersionInfo", "{}");
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero)));
-    const auto pubs = mqtt->publications();
-    ASSERT_EQ(pubs.size(), 1u);
-    EXPECT_EQ(parseObject(pubs[0].payload)->getValue<std::string>("api"), "getVersionInfo");
+    ASSERT_TRUE(mqtt->waitFor(anyTopic));
+    vlm::ThreadPool::defaultPool().joinAll();
+    EXPECT_EQ(mqtt->publications().size(), 1u);
 }
 
-// The service's I/O thread must not wait for the broker: with every pool
-// thread busy the envelope still leaves, through the outbound worker.
-TEST_F(EventDispatch, WithThePoolFullEnvelopesStillLeave)
+// Events (telemetry positions, route progress) leave in the order the service
+// sent them, though each may find a different pool thread free.
+TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrderAndMalformedOnesAreDropped)
 {
-    auto& pool = vlm::ThreadPool::defaultPool();
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    for (int i = 0; i < 64 && pool.hasFreeThread(); ++i)
-        pool.start([released] { released.wait_for(std::chrono::seconds(30)); });
-    ASSERT_FALSE(pool.hasFreeThread());
-    dispatch("getVersionInfo", R"({"v":1})");
-    const bool published = mqtt->waitFor(onTopic(groundTopicZero));
-    release.set_value();
-    ASSERT_TRUE(published);
-    EXPECT_EQ(parseObject(mqtt->publications().front().payload)->getObject("message")->getValue<int>("v"), 1);
-}
-
-// Telemetry positions must leave in the order the service sent them, though
-// each event may find a different pool thread free.
-TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
-{
-    using namespace std::chrono_literals;
-    state().pilotConnected = true;  // telemetry is published only then
+    LogCapture log;
     // Shared with the publishing threads, which may outlive a failed test body.
     struct Hold {
         std::atomic<bool> first{true};
@@ -207,23 +130,31 @@ TEST_F(EventDispatch, WrappedEventsLeaveOneAtATimeInArrivalOrder)
             hold->released.wait_for(10s);
         }
     };
-    auto telemetry = [](int seq) { return R"({"seq":)" + std::to_string(seq) + "}"; };
-    dispatch("pushTelemetry", telemetry(1));
+    dispatch("getVersionInfo", R"({"seq":1})");
     const bool entered = hold->entered.get_future().wait_for(10s) == std::future_status::ready;
     const bool poolFree = vlm::ThreadPool::defaultPool().hasFreeThread();
+    dispatch("getVersionInfo", "{not json");
     for (int seq = 2; seq <= 4; ++seq)
-        dispatch("pushTelemetry", telemetry(seq));
-    // Nothing may overtake the first position while its publication is held.
-    const bool overtaken = mqtt->waitFor(onTopic(groundTopicZero), 1, 300ms);
+        dispatch("getVersionInfo", R"({"seq":)" + std::to_string(seq) + "}");
+    // Nothing may overtake the first event while its publication is held.
+    const bool overtaken = mqtt->waitFor(anyTopic, 1, 300ms);
     hold->release.set_value();
     ASSERT_TRUE(entered);
     EXPECT_TRUE(poolFree);  // the later events could each have had a thread of their own
     EXPECT_FALSE(overtaken);
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero), 4));
-    std::vector<int> order;
-    for (const auto& p : mqtt->publications())
-        order.push_back(parseObject(p.payload)->getObject("message")->getValue<int>("seq"));
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+    ASSERT_TRUE(mqtt->waitFor(anyTopic, 4));
+    EXPECT_EQ(wrapped("seq"), (std::vector<std::string>{"1", "2", "3", "4"}));
+    EXPECT_EQ(wrapped("id"), std::vector<std::string>(4, "UAV-1"));
+    const auto pubs = mqtt->publications();
+    // Keys in the order clients have always read them.
+    EXPECT_EQ(pubs[0].payload.find(R"({"api":"getVersionInfo","type":"response","target":"/","from":"station-1",)"
+                                   R"("pilot_id":"UAV-1","message":{)"),
+              0u)
+        << pubs[0].payload;
+    for (size_t i = 1; i < pubs.size(); ++i)
+        EXPECT_EQ(std::stol(parseObject(pubs[i].payload)->getValue<std::string>("msgId")),
+                  std::stol(parseObject(pubs[0].payload)->getValue<std::string>("msgId")) + static_cast<long>(i));
+    EXPECT_EQ(log.errors("getVersionInfo: JSON Exception: expected 'u' instead of byte 'o'"), 1);
 }
 
 // The ordered sequence's drops count where the outbound worker's do.
@@ -237,93 +168,6 @@ TEST_F(EventDispatch, DroppedWrappedEventsCountInTheHealthReport)
     EXPECT_EQ(counters->getValue<int>("stale_telemetry_dropped"), 1);
     EXPECT_EQ(counters->getValue<int>("event_publications_dropped"), 0);
     state().publications.drain();
-}
-
-TEST_F(EventDispatch, FireSearchInfoIsARequestToTheEdgeMaster)
-{
-    LogCapture log;
-    const std::string edge = "/velmora/sma/FBE242B9-B226-4401-A340-36ABD4D753AD/edgeMaster/cmd";
-    dispatch("fireSearchInfo", R"({"area":3})");
-    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));  // published and returned
-    mqtt->publishSucceeds = false;
-    dispatch("fireSearchInfo", R"({"area":4})");
-    ASSERT_TRUE(Access::drainOutbound(*plugin, std::chrono::seconds(10)));  // the log line follows the publish
-    const auto pubs = mqtt->publications();
-    ASSERT_EQ(pubs.size(), 2u);
-    for (size_t i = 0; i < pubs.size(); ++i) {
-        EXPECT_EQ(pubs[i].qos, 2);
-        EXPECT_EQ(pubs[i].retained, 0);
-        EXPECT_EQ(pubs[i].waitSeconds, 1);
-        EXPECT_EQ(parseObject(pubs[i].payload)->getValue<std::string>("type"), "request");
-        // The line reports what the broker client answered.
-        const std::string ret = i == 0 ? "1" : "0";
-        EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + pubs[i].payload + ", ret: " + ret), 1) << pubs[i].payload;
-    }
-}
-
-TEST_F(EventDispatch, CachesTheLastAnswerPerApi)
-{
-    using Impl = vlm::PilotControlPImpl;
-    struct Case {
-        const char* topic;
-        std::string Impl::*slot;
-    };
-    const Case cases[] = {{"pushTelemetry", &Impl::lastTelemetry},
-                          {"pushRoute", &Impl::lastRoute},
-                          {"syncRoute", &Impl::lastRoute},
-                          {"deleteWayPointList", &Impl::lastRoute},
-                          {"updateProgress", &Impl::lastProgress},
-                          {"getRunInfo", &Impl::lastRunInfo},
-                          {"getBinInfo", &Impl::lastBinInfo},
-                          {"softUpload", &Impl::lastSoftUpload},
-                          {"softUpdateStatus", &Impl::lastSoftUpdateStatus},
-                          {"getUpdateProgress", &Impl::lastUpdateProgress},
-                          {"updateMagneticCompassCali", &Impl::lastMagCompassCali}};
-    std::string Impl::*const slots[] = {&Impl::lastTelemetry, &Impl::lastRoute, &Impl::lastProgress,
-                                        &Impl::lastRunInfo, &Impl::lastBinInfo, &Impl::lastSoftUpload,
-                                        &Impl::lastSoftUpdateStatus, &Impl::lastUpdateProgress,
-                                        &Impl::lastMagCompassCali};
-    auto snapshot = [&] {
-        std::lock_guard<std::mutex> lock(state().cacheMutex);
-        std::vector<std::string> values;
-        for (auto slot : slots)
-            values.push_back(state().*slot);
-        return values;
-    };
-    LogCapture log;
-    for (const auto& c : cases) {
-        {
-            std::lock_guard<std::mutex> lock(state().cacheMutex);
-            for (auto slot : slots)
-                state().*slot = "old";
-        }
-        const std::string text = std::string(R"({"from":")") + c.topic + R"("})";
-        dispatch(c.topic, text);
-        const bool route = c.slot == &Impl::lastRoute;
-        std::vector<std::string> expected;
-        for (auto slot : slots)
-            expected.push_back(slot == c.slot ? text : route && slot == &Impl::lastProgress ? "" : "old");
-        EXPECT_EQ(snapshot(), expected) << c.topic;
-    }
-    EXPECT_EQ(log.infos(R"(software res: {"from":"softUpload"})"), 1);
-    // Other topics cache nothing.
-    const auto before = snapshot();
-    dispatch("getVersionInfo", R"({"v":1})");
-    dispatch("heartBeat", "{}");
-    EXPECT_EQ(snapshot(), before);
-}
-
-TEST_F(EventDispatch, MalformedEventsAreLoggedAndDropped)
-{
-    LogCapture log;
-    dispatch("getVersionInfo", "{not json");
-    dispatch("getVersionInfo", "[1,2]");  // not an object: wrapped as an empty message
-    ASSERT_TRUE(mqtt->waitFor(onTopic(groundTopicZero)));
-    EXPECT_EQ(mqtt->publications().size(), 1u);
-    bool logged = false;
-    for (const auto& line : log.lines())
-        logged = logged || (line.text.rfind("getVersionInfo: ", 0) == 0 && line.priority == Poco::Message::PRIO_ERROR);
-    EXPECT_TRUE(logged);
 }
 
 } // namespace

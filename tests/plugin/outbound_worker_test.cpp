@@ -1,6 +1,4 @@
 #include <atomic>
-#include <condition_variable>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -8,214 +6,66 @@
 
 #include <gtest/gtest.h>
 
-#include "OutboundWorker.h"
+#include "OutboundQueue.h"
 #include "PublishSequence.h"
 #include "support/LogCapture.h"
 
 namespace {
 
-// Holds the worker's thread inside a first task until released, so the queue
-// behind it fills up deterministically.
-struct Gate {
-    void wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        entered = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return open; });
-    }
-    void waitEntered()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return entered; });
-    }
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        open = true;
-        changed.notify_all();
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool open = false;
-};
-
 using vlm::OutboundClass;
+constexpr OutboundClass telemetry = OutboundClass::staleTelemetry, event = OutboundClass::event,
+                        answer = OutboundClass::answer;
 
-vlm::OutboundBounds smallBounds()
+// The outbound worker and the publication sequence both keep their tasks in
+// this queue, so its bounds are shown once here, with room for 2 telemetry
+// tasks, 3 events, 6 answers and 6 in all, 1000 bytes each.
+TEST(OutboundQueue, EachBoundDropsTheOldestOfTheRightClassCountsAndLogsOncePerBurst)
 {
+    // Pushes (t telemetry, e event, a answer of 1 byte; E an event of 600 bytes, B of 1001),
+    // the pushes still queued by index in queue order, drops by class, pushes refused.
+    const std::tuple<const char*, const char*, std::array<std::uint64_t, 3>, int> cases[] = {
+        {"tatt", "123", {1, 0, 0}, 0},          // a full class drops its own oldest
+        {"EE", "1", {0, 1, 0}, 0},              // in bytes too
+        {"B", "", {0, 1, 0}, 1},                // bigger than its class: refused itself
+        {"etaaeaaa", "234567", {1, 1, 0}, 0},   // a full queue drops the lowest class present
+        {"aaaaaat", "012345", {1, 0, 0}, 1},    // never a class above the new task's
+        {"aaaaaaa", "123456", {0, 0, 1}, 0},    // answers alone fill the queue before one goes
+    };
     vlm::OutboundBounds bounds;
     bounds.perClass = {{{2, 1000}, {3, 1000}, {6, 1000}}};
     bounds.total = {6, 1000};
-    return bounds;
-}
-
-TEST(OutboundWorker, RunsTasksInOrderAndAFullClassDropsItsOwnOldest)
-{
-    vlm::test::LogCapture log;
-    Gate gate;
-    std::mutex mutex;
-    std::vector<std::string> ran;
-    auto record = [&](std::string name) {
-        return [&, name] {
-            std::lock_guard<std::mutex> lock(mutex);
-            ran.push_back(name);
-        };
-    };
-    {
-        vlm::OutboundWorker worker(smallBounds());
-        worker.post([&] { gate.wait(); }, OutboundClass::answer);
-        gate.waitEntered();
-        EXPECT_TRUE(worker.post(record("t1"), OutboundClass::staleTelemetry));
-        EXPECT_TRUE(worker.post(record("answer1"), OutboundClass::answer));
-        EXPECT_TRUE(worker.post(record("t2"), OutboundClass::staleTelemetry));
-        EXPECT_TRUE(worker.post(record("t3"), OutboundClass::staleTelemetry));  // telemetry full: t1 goes
-        EXPECT_TRUE(worker.post(record("e1"), OutboundClass::event));
-        EXPECT_FALSE(worker.post(record("big"), OutboundClass::event, 1001));  // bigger than its class
-        EXPECT_EQ(worker.dropped().of(OutboundClass::staleTelemetry), 1u);
-        EXPECT_EQ(worker.dropped().of(OutboundClass::event), 1u);
-        EXPECT_EQ(worker.dropped().of(OutboundClass::answer), 0u);
-        gate.release();
-    }  // the destructor lets queued work finish
-    EXPECT_EQ(ran, (std::vector<std::string>{"answer1", "t2", "t3", "e1"}));
-    EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
-    EXPECT_EQ(log.errors("outbound queue full: 1 event publications dropped so far"), 1);
-}
-
-// A flood of every class at once: nothing grows past its bound, the counters
-// say what went, and every answer goes out as long as answers alone stay
-// within their bound, which is the whole queue's.
-TEST(OutboundQueue, AnOverfilledQueueKeepsItsBoundsAndGivesUpAnswersLast)
-{
-    vlm::test::LogCapture log;
-    vlm::OutboundBounds bounds;
-    bounds.perClass = {{{50, 50 * 100}, {100, 100 * 100}, {300, 300 * 100}}};
-    bounds.total = {300, 300 * 100};
-    vlm::OutboundQueue queue(bounds);
-    int answersRun = 0;
-    int othersRun = 0;
-    constexpr int rounds = 2000;  // far past every bound
-    constexpr int answers = 280;  // within the answers' own bound
-    int answersPosted = 0;
-    bool withinBounds = true;
-    for (int i = 0; i < rounds; ++i) {
-        queue.push([&] { ++othersRun; }, OutboundClass::staleTelemetry, 100);
-        queue.push([&] { ++othersRun; }, OutboundClass::event, 100);
-        if (i % 7 == 0 && answersPosted < answers) {
-            EXPECT_TRUE(queue.push([&] { ++answersRun; }, OutboundClass::answer, 100));
-            ++answersPosted;
+    for (const auto& [pushes, left, drops, refusals] : cases) {
+        vlm::test::LogCapture log;
+        vlm::OutboundQueue queue(bounds);
+        std::string ran;
+        int refused = 0;
+        for (int i = 0; pushes[i] != 0; ++i) {
+            const char k = pushes[i];
+            const auto cls = k == 't' ? telemetry : k == 'a' ? answer : event;
+            refused += !queue.push([&ran, i] { ran += std::to_string(i); }, cls, k == 'E' ? 600 : k == 'B' ? 1001 : 1);
         }
-        const auto held = queue.queued();
-        for (std::size_t c = 0; c < vlm::outboundClassCount; ++c) {
-            withinBounds = withinBounds && held[c].tasks <= bounds.perClass[c].tasks &&
-                           held[c].bytes <= bounds.perClass[c].bytes;
+        std::function<void()> task;
+        for (int n = 0; n < 10 && queue.popFront(task); ++n)
+            task();
+        EXPECT_EQ(ran, left) << pushes;
+        EXPECT_EQ(queue.dropped().byClass, drops) << pushes;
+        EXPECT_EQ(refused, refusals) << pushes;
+        const char* names[] = {"stale telemetry publications", "event publications", "command answers"};
+        for (std::size_t k = 0; k < 3; ++k) {
+            const std::string line = std::string("outbound queue full: 1 ") + names[k] + " dropped so far";
+            EXPECT_EQ(log.errors(line), drops[k] ? 1 : 0) << pushes << ": " << line;
         }
-        withinBounds = withinBounds && held[0].tasks + held[1].tasks + held[2].tasks <= bounds.total.tasks;
     }
-    EXPECT_TRUE(withinBounds);
-    const auto held = queue.queued();
-    EXPECT_EQ(held[2].tasks, static_cast<std::size_t>(answers));
-    // The answers took the room of the lower classes: telemetry went first.
-    EXPECT_EQ(held[0].tasks, 0u);
-    EXPECT_EQ(held[0].tasks + held[1].tasks + held[2].tasks, bounds.total.tasks);
-    std::function<void()> task;
-    while (queue.popFront(task))  // bounded: the queue holds at most 300
-        task();
-    const vlm::OutboundDrops drops = queue.dropped();
-    EXPECT_EQ(answersRun, answers);
-    EXPECT_EQ(drops.of(OutboundClass::answer), 0u);
-    EXPECT_EQ(drops.of(OutboundClass::staleTelemetry) + drops.of(OutboundClass::event) +
-                  static_cast<std::uint64_t>(othersRun),
-              2u * rounds);
-    EXPECT_GT(drops.of(OutboundClass::staleTelemetry), 1000u);
-    // One line per burst: the first drop and every thousandth, per class.
-    EXPECT_EQ(log.errors("outbound queue full: 1 stale telemetry publications dropped so far"), 1);
-    EXPECT_EQ(log.errors("outbound queue full: 1000 stale telemetry publications dropped so far"), 1);
-    EXPECT_EQ(log.errors("outbound queue full: 2 stale telemetry publications dropped so far"), 0);
 }
 
-TEST(OutboundQueue, AnswersBeyondTheirOwnBoundDropTheOldestAnswer)
-{
-    vlm::OutboundQueue queue(smallBounds());
-    for (int i = 0; i < 8; ++i)
-        EXPECT_TRUE(queue.push([] {}, OutboundClass::answer, static_cast<std::size_t>(i)));
-    EXPECT_EQ(queue.queued()[2].tasks, 6u);
-    EXPECT_EQ(queue.queued()[2].bytes, 2u + 3 + 4 + 5 + 6 + 7);  // 0 and 1 went
-    EXPECT_EQ(queue.dropped().of(OutboundClass::answer), 2u);
-}
-
-// The plug-in's unload must not return while a worker thread still runs:
-// the host may unmap the library right after it.
-TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
-{
-    using namespace std::chrono_literals;
-    // Set by a thread-local's destructor: the last thing the worker's thread does.
-    static std::atomic<bool> threadEnded{false};
-    struct EndMarker {
-        ~EndMarker() { threadEnded = true; }
-    };
-    // Ends the worker from inside its own task, and lingers, so that a thread
-    // nobody joins would still be running when the test looks.
-    struct LastOwner {
-        std::shared_ptr<vlm::OutboundWorker> worker;
-        ~LastOwner()
-        {
-            worker.reset();
-            std::this_thread::sleep_for(200ms);
-        }
-    };
-    std::promise<void> go;
-    auto worker = std::make_shared<vlm::OutboundWorker>();
-    EXPECT_FALSE(vlm::OutboundWorker::joinAllEnded(20ms));  // a worker exists
-
-    std::shared_ptr<LastOwner> owner(new LastOwner{worker});
-    worker->post(
-        [owner = std::move(owner), started = go.get_future().share()] {
-            thread_local EndMarker marker;
-            (void)marker;
-            started.wait();
-        },
-        vlm::OutboundClass::answer);
-    worker.reset();  // from here on the queued task holds the last reference
-    auto unload = std::async(std::launch::async, [] { return vlm::OutboundWorker::joinAllEnded(10s); });
-    EXPECT_EQ(unload.wait_for(100ms), std::future_status::timeout) << "returned while the task held the worker";
-    go.set_value();
-    ASSERT_EQ(unload.wait_for(10s), std::future_status::ready);
-    EXPECT_TRUE(unload.get());
-    EXPECT_TRUE(threadEnded.load());
-}
-
-TEST(PublishSequence, DropsAreCountedPerClassAndAThrowingTaskDoesNotStopTheDrain)
-{
-    vlm::test::LogCapture log;
-    vlm::PublishSequence sequence(smallBounds());
-    std::vector<std::string> ran;
-    auto record = [&ran](std::string name) { return [&ran, name] { ran.push_back(name); }; };
-    sequence.push(record("t1"), OutboundClass::staleTelemetry, 10);
-    sequence.push([] { throw std::runtime_error("broker gone"); }, OutboundClass::event, 10);
-    sequence.push(record("t2"), OutboundClass::staleTelemetry, 10);
-    sequence.push(record("t3"), OutboundClass::staleTelemetry, 10);  // telemetry full: t1 goes
-    EXPECT_FALSE(sequence.push(record("big"), OutboundClass::event, 1001));
-    sequence.push(record("e1"), OutboundClass::event, 10);
-    EXPECT_EQ(sequence.dropped().of(OutboundClass::staleTelemetry), 1u);
-    EXPECT_EQ(sequence.dropped().of(OutboundClass::event), 1u);
-    EXPECT_EQ(sequence.queued()[0].bytes, 20u);
-    sequence.drain();
-    EXPECT_EQ(ran, (std::vector<std::string>{"t2", "t3", "e1"}));
-    EXPECT_EQ(sequence.queued()[0].tasks + sequence.queued()[1].tasks, 0u);
-    EXPECT_EQ(log.errors("publication failed: broker gone"), 1);
-    EXPECT_EQ(log.errors("publication queue full: 1 stale telemetry publications dropped so far"), 1);
-    EXPECT_EQ(log.errors("publication queue full: 1 event publications dropped so far"), 1);
-}
-
-// Threads push and drain at once, as pool threads do: every task runs once,
-// one at a time, in the order queued, and none is left behind when the last
-// drain() returns, though most calls return at once to the active drainer.
+// Threads push and drain at once, as pool threads do: every task runs once, one at a
+// time, in order, none left behind when the last drain() returns, though most return
+// at once to the active drainer. A task that throws is logged and the drain goes on.
 TEST(PublishSequence, ConcurrentDrainersRunEveryTaskOnceInOrder)
 {
     constexpr int threads = 4;
     constexpr int perThread = 500;
+    vlm::test::LogCapture log;
     vlm::PublishSequence sequence;
     std::mutex pushing;  // guards next: makes queue order the numbers' order
     int next = 0;
@@ -226,31 +76,33 @@ TEST(PublishSequence, ConcurrentDrainersRunEveryTaskOnceInOrder)
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&] {
             for (int i = 0; i < perThread; ++i) {
-                {
-                    std::lock_guard<std::mutex> lock(pushing);
-                    const int n = next++;
-                    sequence.push(
-                        [&, n] {
-                            if (running.fetch_add(1) != 0)
-                                overlapped = true;
-                            ran.push_back(n);
-                            if (n % 50 == 0)
-                                std::this_thread::yield();  // let others queue behind the drainer
-                            running.fetch_sub(1);
-                        },
-                        OutboundClass::event, 1);
-                }
+                std::unique_lock<std::mutex> lock(pushing);
+                const int n = next++;
+                sequence.push(
+                    [&, n] {
+                        if (running.fetch_add(1) != 0)
+                            overlapped = true;
+                        ran.push_back(n);
+                        if (n % 50 == 0)
+                            std::this_thread::yield();  // let others queue behind the drainer
+                        running.fetch_sub(1);
+                    },
+                    event, 1);
+                lock.unlock();
                 sequence.drain();
             }
         });
     }
     for (auto& w : workers)
         w.join();
+    sequence.push([] { throw std::runtime_error("broker gone"); }, event, 1);
+    sequence.push([&] { ran.push_back(threads * perThread); }, event, 1);
+    sequence.drain();
     EXPECT_FALSE(overlapped.load());
-    ASSERT_EQ(ran.size(), static_cast<std::size_t>(threads * perThread));
-    for (int n = 0; n < threads * perThread; ++n)
+    ASSERT_EQ(ran.size(), static_cast<std::size_t>(threads * perThread + 1));
+    for (int n = 0; n <= threads * perThread; ++n)
         ASSERT_EQ(ran[static_cast<std::size_t>(n)], n);
-    EXPECT_EQ(sequence.dropped().of(OutboundClass::event), 0u);
+    EXPECT_EQ(log.errors("publication failed: broker gone"), 1);
 }
 
 } // namespace
