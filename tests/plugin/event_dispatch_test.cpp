@@ -94,6 +94,91 @@ TEST_F(EventDispatch, EachEventTakesItsRoute)
     EXPECT_EQ(log.infos("topic: fireSearchInfo, msg: " + mqtt->publications().back().payload + ", ret: 0"), 1);
 }
 
+// The counter is process-wide, so only a fresh process shows its first value.
+TEST_F(EventDispatch, TheFirstEnvelopeOfAProcessCarriesMessageIdZero)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            dispatch("heartBeat", "{}");
+            const bool published = mqtt->waitFor(anyTopic);
+            vlm::ThreadPool::defaultPool().joinAll();
+            const bool zero =
+                published && parseObject(mqtt->publications().front().payload)->getValue<std::string>("msgId") == "0";
+            std::_Exit(zero ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+// The service's I/O thread must not wait for the broker: with every pool
+// thread busy the envelope still leaves, through the outbound worker.
+TEST_F(EventDispatch, WithThePoolFullEnvelopesStillLeave)
+{
+    auto& pool = vlm::ThreadPool::defaultPool();
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    for (int i = 0; i < 64 && pool.hasFreeThread(); ++i)
+        pool.start([released] { released.wait_for(std::chrono::seconds(30)); });
+    ASSERT_FALSE(pool.hasFreeThread());
+    dispatch("getVersionInfo", R"({"v":1})");
+    const bool published = mqtt->waitFor(anyTopic);
+    release.set_value();
+    ASSERT_TRUE(published);
+    EXPECT_EQ(parseObject(mqtt->publications().front().payload)->getObject("message")->getValue<int>("v"), 1);
+}
+
+TEST_F(EventDispatch, CachesTheLastAnswerPerApi)
+{
+    using Impl = vlm::PilotControlPImpl;
+    struct Case {
+        const char* topic;
+        std::string Impl::*slot;
+    };
+    const Case cases[] = {{"pushTelemetry", &Impl::lastTelemetry},
+                          {"pushRoute", &Impl::lastRoute},
+                          {"syncRoute", &Impl::lastRoute},
+                          {"deleteWayPointList", &Impl::lastRoute},
+                          {"updateProgress", &Impl::lastProgress},
+                          {"getRunInfo", &Impl::lastRunInfo},
+                          {"getBinInfo", &Impl::lastBinInfo},
+                          {"softUpload", &Impl::lastSoftUpload},
+                          {"softUpdateStatus", &Impl::lastSoftUpdateStatus},
+                          {"getUpdateProgress", &Impl::lastUpdateProgress},
+                          {"updateMagneticCompassCali", &Impl::lastMagCompassCali}};
+    std::string Impl::*const slots[] = {&Impl::lastTelemetry, &Impl::lastRoute, &Impl::lastProgress,
+                                        &Impl::lastRunInfo, &Impl::lastBinInfo, &Impl::lastSoftUpload,
+                                        &Impl::lastSoftUpdateStatus, &Impl::lastUpdateProgress,
+                                        &Impl::lastMagCompassCali};
+    auto snapshot = [&] {
+        std::lock_guard<std::mutex> lock(state().cacheMutex);
+        std::vector<std::string> values;
+        for (auto slot : slots)
+            values.push_back(state().*slot);
+        return values;
+    };
+    LogCapture log;
+    for (const auto& c : cases) {
+        {
+            std::lock_guard<std::mutex> lock(state().cacheMutex);
+            for (auto slot : slots)
+                state().*slot = "old";
+        }
+        const std::string text = std::string(R"({"from":")") + c.topic + R"("})";
+        dispatch(c.topic, text);
+        const bool route = c.slot == &Impl::lastRoute;
+        std::vector<std::string> expected;
+        for (auto slot : slots)
+            expected.push_back(slot == c.slot ? text : route && slot == &Impl::lastProgress ? "" : "old");
+        EXPECT_EQ(snapshot(), expected) << c.topic;
+    }
+    EXPECT_EQ(log.infos(R"(software res: {"from":"softUpload"})"), 1);
+    // Other topics cache nothing.
+    const auto before = snapshot();
+    dispatch("getVersionInfo", R"({"v":1})");
+    dispatch("heartBeat", "{}");
+    EXPECT_EQ(snapshot(), before);
+}
+
 TEST_F(EventDispatch, LocalBrokerOnLinkTypeOnePublishesNothing)
 {
     state().localMqtt = true;

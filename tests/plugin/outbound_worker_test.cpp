@@ -1,4 +1,5 @@
 #include <atomic>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "OutboundQueue.h"
+#include "OutboundWorker.h"
 #include "PublishSequence.h"
 #include "support/LogCapture.h"
 
@@ -61,6 +63,47 @@ TEST(OutboundQueue, EachBoundDropsTheOldestOfTheRightClassCountsAndLogsOncePerBu
 // Threads push and drain at once, as pool threads do: every task runs once, one at a
 // time, in order, none left behind when the last drain() returns, though most return
 // at once to the active drainer. A task that throws is logged and the drain goes on.
+// The plug-in's unload must not return while a worker thread still runs:
+// the host may unmap the library right after it.
+TEST(OutboundWorker, AWorkerEndedByItsOwnTaskIsJoinedBeforeUnloadReturns)
+{
+    using namespace std::chrono_literals;
+    // Set by a thread-local's destructor: the last thing the worker's thread does.
+    static std::atomic<bool> threadEnded{false};
+    struct EndMarker {
+        ~EndMarker() { threadEnded = true; }
+    };
+    // Ends the worker from inside its own task, and lingers, so that a thread
+    // nobody joins would still be running when the test looks.
+    struct LastOwner {
+        std::shared_ptr<vlm::OutboundWorker> worker;
+        ~LastOwner()
+        {
+            worker.reset();
+            std::this_thread::sleep_for(200ms);
+        }
+    };
+    std::promise<void> go;
+    auto worker = std::make_shared<vlm::OutboundWorker>();
+    EXPECT_FALSE(vlm::OutboundWorker::joinAllEnded(20ms));  // a worker exists
+
+    std::shared_ptr<LastOwner> owner(new LastOwner{worker});
+    worker->post(
+        [owner = std::move(owner), started = go.get_future().share()] {
+            thread_local EndMarker marker;
+            (void)marker;
+            started.wait();
+        },
+        vlm::OutboundClass::answer);
+    worker.reset();  // from here on the queued task holds the last reference
+    auto unload = std::async(std::launch::async, [] { return vlm::OutboundWorker::joinAllEnded(10s); });
+    EXPECT_EQ(unload.wait_for(100ms), std::future_status::timeout) << "returned while the task held the worker";
+    go.set_value();
+    ASSERT_EQ(unload.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(unload.get());
+    EXPECT_TRUE(threadEnded.load());
+}
+
 TEST(PublishSequence, ConcurrentDrainersRunEveryTaskOnceInOrder)
 {
     constexpr int threads = 4;

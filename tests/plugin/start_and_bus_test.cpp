@@ -113,6 +113,15 @@ TEST_F(StartedPlugin, SeatAndAppTypeChooseTheCommandTopicsTheDestructorReleases)
     }
 }
 
+// Every line names the host's logger and the plug-in as its source.
+void expectPluginSource(const LogCapture& log)
+{
+    for (const auto& line : log.lines()) {
+        EXPECT_EQ(line.logger, vlm::logName()) << line.text;
+        EXPECT_EQ(line.source, "src/plugin/PilotControlP") << line.text;
+    }
+}
+
 // Start goes on past every failure to reach the service, and says so.
 TEST_F(StartedPlugin, FailuresToReachTheServiceAreLoggedAndStartGoesOn)
 {
@@ -125,6 +134,7 @@ TEST_F(StartedPlugin, FailuresToReachTheServiceAreLoggedAndStartGoesOn)
     EXPECT_EQ(down.errors("pilot subscribe " + failed), 1);
     EXPECT_EQ(down.errors("rpc subscribe failed: timeout or deferred"), 1);
     EXPECT_EQ(down.lines().size(), 3u);
+    expectPluginSource(down);
 
     plugin->stop();
     LogCapture bad;
@@ -133,6 +143,48 @@ TEST_F(StartedPlugin, FailuresToReachTheServiceAreLoggedAndStartGoesOn)
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].text.rfind("connect to pilot control micro service failed, address: not-an-address, port: " +
                                       port + ", reason: ", 0), 0u) << lines[0].text;
+    EXPECT_EQ(lines[1].text.rfind("rpc subscribe failed: ", 0), 0u) << lines[1].text;
+    expectPluginSource(bad);
+}
+
+// The broker keys are only read, but a host configuration without them is
+// broken, and start says so before subscribing to anything.
+TEST_F(StartedPlugin, AMissingBrokerKeyEndsStartBeforeAnySubscription)
+{
+    for (const char* key : {"mqtt.server_uri", "mqtt.user_name", "mqtt.pawsswd"}) {
+        vlm::configInstance().remove(key);
+        LogCapture log;
+        restart();
+        vlm::configInstance().setString(key, "");
+        EXPECT_EQ(log.errors(std::string("rpc subscribe failed: Not found: ") + key), 1);
+        EXPECT_TRUE(mqtt->subscribedTopics().empty()) << key;
+        EXPECT_TRUE(service.callsOf("reportRPCSub").empty()) << key;
+    }
+}
+
+// Connected before the service told the pilot id: the first "pilotConnect"
+// event asks for it, and only that event while the id is missing.
+TEST_F(StartedPlugin, APilotConnectWithoutPilotIdAsksTheServiceForIt)
+{
+    start();
+    ASSERT_EQ(service.callsOf("getStringConfig").size(), 1u);
+    state().setPilotId("");
+    Access::dispatch(*plugin, "heartBeat", "{}");
+    EXPECT_EQ(service.callsOf("getStringConfig").size(), 1u);
+    Access::dispatch(*plugin, "pilotConnect", "{}");
+    EXPECT_EQ(state().getPilotId(), "UAV-1");
+    const auto asked = service.callsOf("getStringConfig");
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[1].args, std::vector<std::string>{"vehicle.pilot_id"});
+    Access::dispatch(*plugin, "pilotConnect", "{}");
+    EXPECT_EQ(service.callsOf("getStringConfig").size(), 2u);
+    auto onPilotConnect = [](const auto& p) { return p.payload.find(R"("api":"pilotConnect")") != std::string::npos; };
+    ASSERT_TRUE(mqtt->waitFor(onPilotConnect, 2));
+    for (const auto& p : mqtt->publications()) {
+        if (onPilotConnect(p)) {
+            EXPECT_EQ(parseObject(p.payload)->getValue<std::string>("pilot_id"), "UAV-1");
+        }
+    }
 }
 
 class BusIntake : public StartedPlugin {
@@ -155,6 +207,10 @@ TEST_F(BusIntake, RoutesByTheCategoryRangesWithTheirArguments)
         {"sendSurfacePreTest", "flightControl"}, {"sendSurfaceTest", "flightControl"}, // [99] [100]
         {"getVersionInfo", ""},               {"getHLT", ""},                        // [103] [305]
         {"getDatDirPath", "microService"},    {"setJoystickConnectState", "microService"}}; // [308] [310]
+    LogCapture log;  // an unknown or empty API passes without a word
+    for (const char* m : {R"({"api":"noSuchApi"})", R"({"api":""})", R"({})", R"({"interface":"noSuchApi"})"})
+        push(m);
+    EXPECT_TRUE(log.lines().empty());
     std::multiset<std::string> expected{"flightControl:pushRoute", "telementry:getConfig"};
     push(R"({"api":"getConfig","interface":"pushRoute"})");  // "interface" wins
     for (const auto& [api, category] : cases) {
