@@ -3,8 +3,10 @@
 // comes back, delivery threads that leave the link alone, the bounds on what
 // waits for a handler, and a hung handler.
 
+#include <atomic>
 #include <future>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -61,6 +63,46 @@ TEST_F(MqttClientTest, EveryMatchingHandlerGetsEachMessageOnceEvenBesideAThrowin
     ASSERT_TRUE(everything.waitForCount(2));
     EXPECT_EQ(everything.all(), (Messages{{"/msg/pilot/P1/out", "out"}, {"/msg/pilot/P1/out", "last"}}));
     EXPECT_EQ(commands.all(), expected);
+}
+
+// A handler may change subscriptions and publish on its own client, and an
+// Unsubscribe from outside returns only once the running handler finished.
+TEST_F(MqttClientTest, HandlersMayUseTheirClientAndUnsubscribeWaitsForTheRunningOne)
+{
+    connect();
+    Inbox& moved = newInbox();
+    std::promise<bool> done;
+    ASSERT_TRUE(station->Subscribe(
+        [&](const std::string&, const std::string&) {
+            const bool subscribed = station->Subscribe(moved.handler(), "/SN/moved", 1);
+            const bool unsubscribed = station->Unsubscribe("/SN/cmd");
+            const bool published = station->PublishMessage("from handler", "/SN/moved", 1, 0, 2);
+            done.set_value(subscribed && unsubscribed && published);
+        },
+        "/SN/cmd", 0));
+    ASSERT_TRUE(peer->PublishMessage("go", "/SN/cmd", 1, 0, 2));
+    auto result = done.get_future();
+    ASSERT_EQ(result.wait_for(hostTestBound), std::future_status::ready);
+    EXPECT_TRUE(result.get());
+    ASSERT_TRUE(moved.waitForCount(1));
+    EXPECT_EQ(moved.all()[0], std::make_pair(std::string("/SN/moved"), std::string("from handler")));
+
+    auto unsubscribing = newGate();
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    std::promise<void> entered;
+    ASSERT_TRUE(station->Subscribe(
+        [unsubscribing, finished, &entered](const std::string&, const std::string&) {
+            entered.set_value();
+            unsubscribing->wait();
+            std::this_thread::sleep_for(200ms);  // still busy when Unsubscribe has begun to wait
+            finished->store(true);
+        },
+        "/SN/slow", 0));
+    ASSERT_TRUE(peer->PublishMessage("x", "/SN/slow", 1, 0, 2));
+    ASSERT_EQ(entered.get_future().wait_for(hostTestBound), std::future_status::ready);
+    unsubscribing->open();
+    EXPECT_TRUE(station->Unsubscribe("/SN/slow"));
+    EXPECT_TRUE(finished->load());
 }
 
 TEST(MqttClientLink, AStationStartedBeforeItsBrokerLogsInLaterAndResubscribesAfterEachLoss)
