@@ -1,6 +1,8 @@
 // The gateway's three fronts with real processes: one request each over HTTP,
 // MQTT and the bus, answered by the simulator through the host and the
-// plug-in, and counted exactly once in "/host/metrics".
+// plug-in, and counted exactly once in "/host/metrics", whose scrape promtool accepts.
+
+#include <fstream>
 
 #include <Poco/JSON/Parser.h>
 
@@ -100,6 +102,16 @@ TEST_F(FrontsTest, EachFrontIsAnsweredThroughTheSimulatorAndCountedExactlyOnce)
     EXPECT_EQ(grown(before, after, R"(velmora_http_requests_total{class="plugin_request",status="200"})"), 1);
     EXPECT_EQ(sampleValue(after, pluginSeries("velmora_plugin_event_streams_open")), 1);
     EXPECT_EQ(sampleValue(after, "velmora_http_plugin_streams"), 1);
+
+    // A reader of the text format that is not ours: Prometheus's own checker.
+    const std::string file = stack.dir.path + "/scrape.txt";
+    std::ofstream(file) << after;
+    vlm::test::ChildProcess promtool(
+        {"/bin/sh", "-c", "command -v promtool >/dev/null || exit 127; promtool check metrics < '" + file + "'"},
+        file + ".log");
+    const std::optional<int> checked = promtool.waitExit(std::chrono::seconds(30));
+    ASSERT_NE(checked, 127) << "promtool not found: install Debian's prometheus package (scripts/install-deps.sh)";
+    EXPECT_EQ(checked, 0) << promtool.output() << "\n" << after;
 }
 
 } // namespace
