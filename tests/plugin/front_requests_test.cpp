@@ -1,5 +1,7 @@
+#include <cerrno>
 #include <functional>
 #include <optional>
+#include <system_error>
 
 #include "FrontsFixture.h"
 #include "LinkHealth.h"
@@ -75,6 +77,14 @@ TEST_F(Fronts, HttpAnswersAreTheServiceTextAfterThePauseOrAnErrorAnswer)
     EXPECT_EQ(errorTo("getConfig", 4002)->getValue<std::string>("msg"), "config store locked");
     EXPECT_EQ(log.errors(" response http msg: config store locked, error code: 4002"), 1);
     EXPECT_TRUE(service.callsOf("flightControl").empty());
+
+    // With the service gone: the link's own socket error and the system's text for it.
+    service.service.stop();
+    const auto down = call("getConfig").json();
+    ASSERT_TRUE(down && down->getObject("message"));
+    const int code = down->getObject("message")->getValue<int>("code");
+    EXPECT_TRUE(code > 0 && code < 4001) << code;
+    EXPECT_EQ(down->getObject("message")->getValue<std::string>("msg"), std::system_category().message(code));
 }
 
 // Results the service pushed as events are given once without a call, then asked
@@ -176,6 +186,36 @@ std::string bigRequest(const std::string& msgId, std::size_t filler)
 std::size_t forwardedFrameSize(const std::string& request, const std::string& second)
 {
     return pilot_rpc::call_frame_size(vlm::jsonToString(parseObject(request)), second);
+}
+
+// A frame the link cannot read makes it drop every pending call without
+// calling back; a command then waiting for its answer must still get one, once.
+TEST_F(Fronts, MqttACommandWhoseCallTheLinkDropsIsAnsweredOnce)
+{
+    service.service.withhold_answers("telementry");
+    app->command(pilotTopic, R"({"api":"getConfig","type":"request","from":"app","target":"station-1","msgId":"lost-1"})");
+    std::uint64_t callConnection = 0;  // a withheld call is received, but not handed to the recorder
+    ASSERT_TRUE(service.service.wait_for_frames(
+        [&](const std::vector<pilot_rpc::received_frame>& frames) {
+            for (const auto& frame : frames)
+                if (frame.decoded.find("lost-1") != std::string::npos)
+                    callConnection = frame.connection;
+            return callConnection != 0;
+        },
+        std::chrono::seconds(10)));
+    pilot_rpc::frame_header badType;
+    badType.frame_type = 7;
+    badType.body_len = 1;
+    ASSERT_TRUE(service.service.send_frame(callConnection, badType, "x"));
+    const auto answer = app->answerTo(pilotTopic, "lost-1");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->getObject("message")->getValue<int>("code"), ECONNABORTED);
+
+    service.service.withhold_answers("telementry", false);
+    ASSERT_TRUE(ask(pilotTopic, "getConfig", "after-1"));
+    EXPECT_EQ(app->count([](const std::string&, const std::string& p) {
+        return p.find(R"("msgId":"lost-1")") != std::string::npos && p.find(R"("type":"response")") != std::string::npos;
+    }), 1);
 }
 
 class OversizeRequest : public Fronts {
