@@ -1,12 +1,15 @@
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <optional>
 #include <system_error>
+#include <thread>
 
 #include "FrontsFixture.h"
 #include "LinkHealth.h"
 #include "PluginFixture.h"
 #include "host/HttpTestClient.h"
+#include "rpc/function_id.h"
 #include "rpc/rpc_client.h"
 #include "support/LogCapture.h"
 
@@ -186,6 +189,27 @@ std::string bigRequest(const std::string& msgId, std::size_t filler)
 std::size_t forwardedFrameSize(const std::string& request, const std::string& second)
 {
     return pilot_rpc::call_frame_size(vlm::jsonToString(parseObject(request)), second);
+}
+
+// Answers that never come are bounded by the plug-in's stop: the caller is
+// released with an error instead of waiting ten minutes.
+TEST_F(Fronts, HttpAStopReleasesACallerStillWaitingForItsAnswer)
+{
+    service.service.withhold_answers("telementry");
+    std::thread stopper([this] {  // a withheld call never reaches the recorder: watch for its frame
+        const uint32_t forwarded = pilot_rpc::function_id("telementry");
+        service.service.wait_for_frames(
+            [forwarded](const std::vector<pilot_rpc::received_frame>& frames) {
+                return std::any_of(frames.begin(), frames.end(),
+                                   [&](const auto& f) { return f.frame_type == 0 && f.func_id == forwarded; });
+            },
+            std::chrono::seconds(5));
+        plugin->stop();
+    });
+    const auto answer = call("getConfig");
+    stopper.join();
+    ASSERT_TRUE(answer.json() && answer.json()->getObject("message")) << answer.body;
+    EXPECT_EQ(answer.json()->getObject("message")->getValue<int>("code"), 4002);
 }
 
 // A frame the link cannot read makes it drop every pending call without
