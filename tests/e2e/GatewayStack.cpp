@@ -1,4 +1,5 @@
 #include "e2e/GatewayStack.h"
+#include "support/PollUntil.h"
 #include "support/RestartablePort.h"
 
 #include <signal.h>
@@ -161,13 +162,7 @@ bool GatewayStack::mqttConnected() const
 
 bool GatewayStack::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
+    return test::pollUntil(condition, timeout, std::chrono::milliseconds(50));
 }
 
 std::string GatewayStack::diagnostics() const

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "support/LogCapture.h"
+#include "support/PollUntil.h"
 
 namespace vlm::test {
 
@@ -20,13 +21,7 @@ inline constexpr std::chrono::seconds hostTestBound{10};
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = hostTestBound)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return pollUntil(condition, timeout);
 }
 
 /// Log lines containing `part` at `priority` or more urgent.

@@ -20,6 +20,7 @@
 #include "http/HttpApiServer.h"
 #include "mqtt/PahoMqttClient.h"
 #include "support/MosquittoBroker.h"
+#include "support/PollUntil.h"
 
 namespace vlm::test {
 
@@ -27,11 +28,7 @@ namespace vlm::test {
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(5))
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-    return true;
+    return pollUntil(condition, limit);
 }
 
 /// A ground application on the test's broker: publishes, and keeps what arrives.

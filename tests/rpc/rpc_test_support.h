@@ -16,6 +16,7 @@
 #include "rpc/function_id.h"
 #include "rpc/rpc_client.h"
 #include "rpc/service/rpc_service.h"
+#include "support/PollUntil.h"
 #include "support/RestartablePort.h"
 
 namespace pilot_rpc::test {
@@ -26,13 +27,7 @@ using namespace std::chrono_literals;
 /// nothing to wait on (table sizes, flags).
 inline bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 3s)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
+    return vlm::test::pollUntil(condition, timeout, 2ms);
 }
 
 /// A one-shot slot that a callback fills and the test waits on.
